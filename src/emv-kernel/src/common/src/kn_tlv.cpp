@@ -1,0 +1,2 @@
+// TLV tree editing library.
+#include "kn_tlv.h"

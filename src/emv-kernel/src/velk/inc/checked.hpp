@@ -1,0 +1,123 @@
+// Bounded building and reading for the kernel's fixed buffers (C++ only).
+//
+// The design's functions keep their signatures and their behaviour on
+// well-formed data; where they build into a fixed area or read bytes that a
+// card or a host could have made, they go through the helpers below, which
+// know the area's capacity and refuse to pass it.
+#ifndef VELK_CHECKED_HPP
+#define VELK_CHECKED_HPP
+
+#include <stdint.h>
+
+#include "reg_std.h"
+
+namespace velk {
+
+// Failure codes the bounds add to the design's own.
+inline constexpr uint32_t kErrHostReply =
+    0x30104;  // host reply not one well-formed TLV in the exchange buffer
+inline constexpr uint32_t kErrResponseTooLong =
+    0x30105;                                            // response longer than its receiving buffer
+inline constexpr uint32_t kErrFciTooLong = 0x3020D;     // FCI longer than its 300-byte work area
+inline constexpr uint32_t kErrDfNameTooLong = 0x3020E;  // DF name longer than its 32-byte area
+inline constexpr uint32_t kErrInput = 0x33003;          // transaction input not well-formed
+
+// Bytes a TLV with this tag and value length occupies when written by TLV_New.
+constexpr uint32_t TagSize(uint32_t tag) {
+    return 1u + ((tag >> 24) != 0) + (((tag >> 16) & 0xFF) != 0) + (((tag >> 8) & 0xFF) != 0);
+}
+constexpr uint32_t LenSize(uint32_t len) {
+    return len <= 0x7F ? 1u : 2u + ((len >> 8) != 0) + ((len >> 16) != 0) + ((len >> 24) != 0);
+}
+constexpr uint32_t ElementSize(uint32_t tag, uint32_t len) {
+    return TagSize(tag) + LenSize(len) + len;
+}
+
+// One checked writer for a fixed buffer: every write either fits whole or is
+// refused (nothing written, ok() turns false).
+class Writer {
+public:
+    Writer(uint8_t *buf, uint32_t cap, uint32_t used = 0) : buf_(buf), cap_(cap), len_(used) {}
+
+    bool put(uint8_t b) {
+        if (!fits(1)) return false;
+        buf_[len_++] = b;
+        return true;
+    }
+    bool put(const uint8_t *src, uint32_t n) {
+        if (!fits(n)) return false;
+        if (n != 0) Memcpy_(buf_ + len_, src, static_cast<int>(n));
+        len_ += n;
+        return true;
+    }
+    bool zeros(uint32_t n) {
+        if (!fits(n)) return false;
+        if (n != 0) Memset_(buf_ + len_, 0, static_cast<int>(n));
+        len_ += n;
+        return true;
+    }
+    uint8_t *data() const { return buf_; }
+    uint32_t size() const { return len_; }
+    uint32_t capacity() const { return cap_; }
+    uint32_t room() const { return cap_ - len_; }
+    bool ok() const { return ok_; }
+
+private:
+    bool fits(uint32_t n) {
+        if (n > cap_ - len_) ok_ = false;
+        return ok_;
+    }
+    uint8_t *buf_;
+    uint32_t cap_;
+    uint32_t len_;
+    bool ok_ = true;
+};
+
+// ---- Codec bounds (tlv.cpp) -------------------------------------------------
+
+// TLV_New into dst only if the element fits in cap bytes; bytes written or 0.
+uint32_t NewChecked(uint8_t *dst, uint32_t cap, uint32_t tag, const uint8_t *value, uint32_t len);
+
+// TLV_AddTag to the constructed element at parent, which lives at the start
+// of an area of cap bytes, only if the parent (with any header growth) still
+// fits; the parent's new total length, or 0 when refused.
+uint32_t AddTagChecked(uint8_t *parent, uint32_t cap, uint32_t tag, const uint8_t *value,
+                       uint32_t len);
+
+// TLV_AddTag_UpDataMode with the same bound.
+uint32_t AddTagUpdateChecked(uint8_t *parent, uint32_t cap, uint32_t tag, const uint8_t *value,
+                             uint32_t len);
+
+// Total length of the element at p when its header and its whole tree lie
+// within n bytes and are well formed (TLV_Check_Format over that length);
+// 0 otherwise. Use it before walking bytes whose length is not trusted.
+uint32_t WellFormedLen(const uint8_t *p, uint32_t n);
+
+// Depth-first search like TLV_FindTag, over a sequence of top-level elements
+// filling exactly len bytes (checked first); null when absent or malformed.
+uint8_t *FindInSequence(uint8_t *p, uint32_t len, uint32_t tag);
+
+// ---- Database bounds (Database.cpp) ------------------------------------------
+
+// VelkDataBase_Get_TagValue into a buffer of cap bytes: copies at most cap
+// value bytes (the design's "up to N bytes"); *len receives the number copied.
+// 0, or 0x31004 when the tag is absent (*len untouched).
+uint32_t DbGet(uint32_t tag, uint8_t *out, uint32_t cap, uint32_t *len);
+
+// ---- Callback messages (callback.cpp) ----------------------------------------
+
+// Starts a callback message 7F01 { DF00 = command } in the exchange buffer,
+// clearing the whole buffer first when clear is true.
+void MsgBegin(uint8_t command, bool clear = true);
+// Appends a payload element; false (nothing written) when the exchange buffer
+// would overflow.
+bool MsgAdd(uint32_t tag, const uint8_t *value, uint32_t len);
+// Calls the host with the message. 0; the callback's own non-zero status; or
+// kErrHostReply when the reply is not one well-formed TLV inside the buffer.
+uint32_t MsgCall();
+// The root of the host's reply (meaningful after MsgCall returned 0).
+uint8_t *MsgReply();
+
+}  // namespace velk
+
+#endif  // VELK_CHECKED_HPP

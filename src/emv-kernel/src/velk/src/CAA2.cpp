@@ -1,0 +1,2 @@
+// Card action analysis: the second GENERATE AC and its response.
+#include "baseKernel.h"

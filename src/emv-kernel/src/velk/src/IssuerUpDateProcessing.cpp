@@ -1,0 +1,2 @@
+// Issuer script processing: templates 71 and 72 from the issuer response.
+#include "baseKernel.h"

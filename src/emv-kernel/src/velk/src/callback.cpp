@@ -1,0 +1,2 @@
+// Callback message channel: requests to the host and the APDU exchange.
+#include "baseKernel.h"

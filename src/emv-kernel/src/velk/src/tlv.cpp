@@ -1,0 +1,2 @@
+// The BER-TLV codec.
+#include "tlv.h"
