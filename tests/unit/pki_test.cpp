@@ -88,30 +88,44 @@ Bytes AssembledModulus(const Bytes &block, size_t key_pos, size_t key_len, const
     return n;
 }
 
+// Checks a recovered certificate from position 1: format, then identity,
+// expiry and serial (hex, in that order), hash and key algorithm 01, key and
+// exponent lengths, and the key with its remainder. Returns the key's
+// position.
+size_t ExpectCertificateFields(const Bytes &block, uint8_t format,
+                               std::initializer_list<const char *> fields, const RsaKey &subject,
+                               const Bytes &remainder) {
+    EXPECT_EQ(block[1], format);
+    size_t pos = 2;
+    for (const char *hex : fields) {
+        const Bytes field = FromHex(hex);
+        EXPECT_EQ(Slice(block, pos, field.size()), field) << "at " << pos;
+        pos += field.size();
+    }
+    EXPECT_EQ(block[pos], 0x01);
+    EXPECT_EQ(block[pos + 1], 0x01);
+    EXPECT_EQ(block[pos + 2], subject.Size());
+    EXPECT_EQ(block[pos + 3], subject.e.size());
+    pos += 4;
+    EXPECT_EQ(AssembledModulus(block, pos, subject.Size(), remainder), subject.n);
+    return pos;
+}
+
 TEST_P(PkiTest, IssuerCertificateFieldsSitWhereTheKernelReadsThem) {
     for (const KeyPair &c : kIssuerCases) {
         SCOPED_TRACE(c.name);
         const RsaKey &ca = c.signer(), &issuer = c.subject();
-        pki::IssuerCertificateRequest request;
-        request.issuer_identifier = "54133";
-        request.expiry = "0728";
-        request.serial = {0x12, 0x34, 0x56};
-        const pki::IssuerCertificate cert =
-            pki::MakeIssuerCertificate(backend(), ca, issuer, request);
+        const pki::IssuerCertificate cert = pki::MakeIssuerCertificate(
+            backend(), ca, issuer,
+            {.issuer_identifier = "54133", .expiry = "0728", .serial = {0x12, 0x34, 0x56}});
         ASSERT_EQ(cert.remainder.size(), c.remainder);
         EXPECT_EQ(cert.exponent, issuer.e);
 
         const Bytes beside = host::Cat({cert.remainder, cert.exponent});
         const Bytes block = OpenFrame(backend(), ca, cert.certificate, beside);
-        EXPECT_EQ(block[1], 0x02);
-        EXPECT_EQ(Slice(block, 2, 4), FromHex("54133FFF"));
-        EXPECT_EQ(Slice(block, 6, 2), FromHex("0728"));
-        EXPECT_EQ(Slice(block, 8, 3), FromHex("123456"));
-        EXPECT_EQ(block[11], 0x01);
-        EXPECT_EQ(block[12], 0x01);
-        EXPECT_EQ(block[13], issuer.Size());
-        EXPECT_EQ(block[14], issuer.e.size());
-        EXPECT_EQ(AssembledModulus(block, 15, issuer.Size(), cert.remainder), issuer.n);
+        EXPECT_EQ(ExpectCertificateFields(block, 0x02, {"54133FFF", "0728", "123456"}, issuer,
+                                          cert.remainder),
+                  15u);
 
         const pki::RecoveredKey back = pki::RecoverIssuerCertificate(backend(), ca.Public(), cert);
         EXPECT_TRUE(back.recovered.hash_matches);
@@ -121,16 +135,12 @@ TEST_P(PkiTest, IssuerCertificateFieldsSitWhereTheKernelReadsThem) {
     }
 }
 
-Bytes Record(const char *hex) {
-    return FromHex(hex);
-}
-
 // Two ODA records (SFI 1: the 70 template's value; SFI 11: the whole record)
 // and the AIP.
 Bytes SampleStaticData() {
     const pki::OdaRecord records[] = {
-        {1, Record("70 0A 5A 08 54 13 33 00 89 01 00 12")},
-        {11, Record("70 05 9F 4A 01 82 00")},
+        {1, FromHex("70 0A 5A 08 54 13 33 00 89 01 00 12")},
+        {11, FromHex("70 05 9F 4A 01 82 00")},
     };
     return pki::StaticDataToAuthenticate(records, FromHex("1980"));
 }
@@ -140,25 +150,18 @@ TEST_P(PkiTest, IccCertificateFieldsSitWhereTheKernelReadsThem) {
     for (const KeyPair &c : kIccCases) {
         SCOPED_TRACE(c.name);
         const RsaKey &issuer = c.signer(), &icc = c.subject();
-        pki::IccCertificateRequest request;
-        request.pan = "5413330089010012345";
-        request.expiry = "1225";
-        request.serial = {0xAB, 0xCD, 0xEF};
-        request.static_data = static_data;
-        const pki::IccCertificate cert = pki::MakeIccCertificate(backend(), issuer, icc, request);
+        const pki::IccCertificate cert = pki::MakeIccCertificate(backend(), issuer, icc,
+                                                                 {.pan = "5413330089010012345",
+                                                                  .expiry = "1225",
+                                                                  .serial = {0xAB, 0xCD, 0xEF},
+                                                                  .static_data = static_data});
         ASSERT_EQ(cert.remainder.size(), c.remainder);
 
         const Bytes beside = host::Cat({cert.remainder, cert.exponent, static_data});
         const Bytes block = OpenFrame(backend(), issuer, cert.certificate, beside);
-        EXPECT_EQ(block[1], 0x04);
-        EXPECT_EQ(Slice(block, 2, 10), FromHex("5413330089010012345F"));
-        EXPECT_EQ(Slice(block, 12, 2), FromHex("1225"));
-        EXPECT_EQ(Slice(block, 14, 3), FromHex("ABCDEF"));
-        EXPECT_EQ(block[17], 0x01);
-        EXPECT_EQ(block[18], 0x01);
-        EXPECT_EQ(block[19], icc.Size());
-        EXPECT_EQ(block[20], icc.e.size());
-        EXPECT_EQ(AssembledModulus(block, 21, icc.Size(), cert.remainder), icc.n);
+        EXPECT_EQ(ExpectCertificateFields(block, 0x04, {"5413330089010012345F", "1225", "ABCDEF"},
+                                          icc, cert.remainder),
+                  21u);
 
         const pki::RecoveredKey back =
             pki::RecoverIccCertificate(backend(), issuer.Public(), cert, static_data);
