@@ -79,7 +79,8 @@ uint32_t EMV_Queue_Delete_Element(EMV_Queue *q, ClessSignal_Message *signMsg) {
 //
 // Each reads and writes only inside the lengths it is given (the text
 // functions: the text's own length, and the room that length implies in the
-// output), whatever the values; no digit or character is validated.
+// output), whatever the values; no digit or character is validated. A null
+// pointer gives 0 and writes nothing.
 
 namespace {
 
