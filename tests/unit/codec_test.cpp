@@ -479,6 +479,11 @@ TEST(CodecChecked, WellFormedLenAndFindInSequence) {
     Bytes b = FromHex("70 03 5A 01 12 00 77 04 9F 27 01 80");
     EXPECT_EQ(velk::WellFormedLen(b.data(), static_cast<uint32_t>(b.size())), 5u);
     EXPECT_EQ(velk::WellFormedLen(b.data(), 4), 0u);
+    // An FF tag is the element's own first byte, not padding.
+    const Bytes ff = FromHex("FF 81 05 03 9F 36 00");
+    EXPECT_EQ(velk::WellFormedLen(ff.data(), 7), 7u);
+    const uint32_t seven = 7;
+    EXPECT_EQ(TLV_Check_Format(ff.data(), &seven), 0);
     EXPECT_EQ(velk::FindInSequence(b.data(), static_cast<uint32_t>(b.size()), 0x9F27),
               b.data() + 8);
     EXPECT_EQ(velk::FindInSequence(b.data(), static_cast<uint32_t>(b.size()), 0x9F26), nullptr);
