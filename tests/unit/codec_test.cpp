@@ -193,7 +193,7 @@ TEST(CodecBuilding, ParentHeaderGrowsOneTwoThreeLengthBytesAndShrinksBackOnDelet
 TEST(CodecBuilding, ValueAt128And127BytesDecidesTheFieldSize) {
     std::vector<uint8_t> buf(300);
     TLV_New(buf.data(), 0x70, nullptr, 0);
-    const Bytes v = Value(124);
+    const Bytes v = Value(125);
     TLV_AddTag(buf.data(), 0x5A, v.data(), 125);  // 127 bytes: 70 7F
     EXPECT_EQ(buf[1], 0x7F);
     TLV_AddTag(buf.data(), 0x8A, v.data(), 0);  // 129: 70 81 81
