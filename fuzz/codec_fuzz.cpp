@@ -6,14 +6,14 @@
 #include <cstdlib>
 #include <vector>
 
+#include "fuzz_input.hpp"
+
 #include "checked.hpp"
 #include "tlv.h"
 
 namespace {
 
-void Require(bool ok) {
-    if (!ok) abort();
-}
+using velk::fuzz::Require;
 
 struct Root {
     uint8_t *begin;

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <vector>
 
+#include "fuzz_input.hpp"
+
 #include "baseKernel.h"
 #include "checked.hpp"
 #include "database.h"
@@ -16,9 +18,8 @@
 
 namespace {
 
-void Require(bool ok) {
-    if (!ok) abort();
-}
+using velk::fuzz::Input;
+using velk::fuzz::Require;
 
 alignas(8) uint8_t g_block[VELK_LOCAL_PARAM_MIN_LEN];
 
@@ -29,16 +30,6 @@ constexpr uint32_t kTags[] = {
     0x9F10,   0x9F26,   0x9F27,   0x9F36,   0x9F38,     0x9F1F,   0x9F4B,   0x9F6E,   0x9F80,
     0x50,     0xA5,     0x70,     0x77,     0xBF0C,     0xDF8129, 0xDF8301, 0x9F9301, 0x9F9302,
     0x9F9309, 0x9F9311, 0x9F9313, 0x9F8201, 0xDF818283, 0x9F71,   0x9F74,   0x95,     0x9B};
-
-struct Input {
-    const uint8_t *p;
-    size_t n;
-    uint8_t Byte() {
-        if (n == 0) return 0;
-        --n;
-        return *p++;
-    }
-};
 
 void CheckDatabase() {
     uint8_t *db = pgbVelkGlobalValue->ucDataBasebuf;

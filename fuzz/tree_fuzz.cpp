@@ -7,29 +7,20 @@
 #include <exception>
 #include <vector>
 
+#include "fuzz_input.hpp"
+
 #include "kn_tlv.h"
 #include "velk/host/tlv.hpp"
 
 namespace {
 
-void Require(bool ok) {
-    if (!ok) abort();
-}
+using velk::fuzz::Input;
+using velk::fuzz::Require;
 
 constexpr u32 kTags[] = {0x5A, 0x9F02, 0x9F36, 0xDF8129, 0xDF818203, 0xE1, 0xE2,
                          0xA5, 0xBF0C, 0x70,   0x1F,     0x9F80,     0x00, 0xFF8105};
 constexpr uint32_t kCapacity = 6000;
 constexpr uint32_t kValueMax = 300;
-
-struct Input {
-    const uint8_t *p;
-    size_t n;
-    uint8_t Byte() {
-        if (n == 0) return 0;
-        --n;
-        return *p++;
-    }
-};
 
 // The tree as the host's own parser reads it: it must parse whole, and the
 // root's size must be what the library reports.

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <numeric>
 #include <vector>
 
 #include "kn_tlv.h"
@@ -15,10 +16,10 @@ using host::Bytes;
 using host::FromHex;
 using host::Tlv;
 
-Bytes Value(size_t n, uint8_t seed = 0) {
+// n bytes counting up from 0.
+Bytes Value(size_t n) {
     Bytes v(n);
-    for (size_t i = 0; i < n; ++i)
-        v[i] = static_cast<uint8_t>(seed + i);
+    std::iota(v.begin(), v.end(), uint8_t{0});
     return v;
 }
 
