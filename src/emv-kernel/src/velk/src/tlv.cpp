@@ -19,8 +19,8 @@
 //   its header is read as it stands and its declared length is the bound of
 //   the walk.
 //
-// The decoders and the builders keep the design's unbounded behaviour: they
-// take no length, the callers know their bytes.
+// The decoders and the builders stay unbounded: they take no length, their
+// callers know their bytes.
 #include "tlv.h"
 
 #include <stddef.h>
@@ -106,7 +106,7 @@ struct Header {
     uint32_t total() const { return tagLen + lenLen + len; }
 };
 
-// The design's decoding, on trusted bytes.
+// The codec's decoding, on trusted bytes.
 Header Decode(const uint8_t *p) {
     Header h;
     h.tagLen = TagAt(p, kUnbounded, &h.tag);
