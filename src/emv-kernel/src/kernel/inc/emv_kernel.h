@@ -36,7 +36,7 @@
  *   While a transaction runs, another thread of the host (or the callback
  *   itself) may post signals with Kernel_Customized_Contactless_VELK_: one
  *   writer and one reader may work at once. The kernel waits for a signal
- *   without a time-out where the design needs one (card activation, an APDU
+ *   without a time-out where it needs one (card activation, an APDU
  *   answered asynchronously); the host must always post one eventually.
  *
  * One transaction at a time per process: the exchange buffer and the

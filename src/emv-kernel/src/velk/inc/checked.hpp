@@ -1,6 +1,6 @@
 // Bounded building and reading for the kernel's fixed buffers (C++ only).
 //
-// The design's functions keep their signatures and their behaviour on
+// The kernel's named functions keep their signatures and their behaviour on
 // well-formed data; where they build into a fixed area or read bytes that a
 // card or a host could have made, they go through the helpers below, which
 // know the area's capacity and refuse to pass it.
@@ -13,7 +13,7 @@
 
 namespace velk {
 
-// Failure codes the bounds add to the design's own.
+// Failure codes the bounds add to the kernel's own.
 inline constexpr uint32_t kErrHostReply =
     0x30104;  // host reply not one well-formed TLV in the exchange buffer
 inline constexpr uint32_t kErrResponseTooLong =
@@ -111,7 +111,7 @@ uint8_t *FindInSequence(uint8_t *p, uint32_t len, uint32_t tag);
 // ---- Database bounds (Database.cpp) ------------------------------------------
 
 // VelkDataBase_Get_TagValue into a buffer of cap bytes: copies at most cap
-// value bytes (the design's "up to N bytes"); *len receives the number copied.
+// value bytes (the "read up to N bytes" of the processing steps); *len receives the number copied.
 // 0, or 0x31004 when the tag is absent (*len untouched).
 uint32_t DbGet(uint32_t tag, uint8_t *out, uint32_t cap, uint32_t *len);
 
