@@ -44,6 +44,7 @@ std::optional<Message> ParseRequest(const uint8_t *buffer, uint32_t len) {
         Message msg;
         msg.command = command.value[0];
         msg.payload.assign(root.value.begin() + static_cast<long>(command.size), root.value.end());
+        msg.raw.assign(buffer, buffer + root.size);
         return msg;
     } catch (const std::invalid_argument &) {
         return std::nullopt;
@@ -182,11 +183,11 @@ void ScriptedHost::JoinThreads() {
     threads_.clear();
 }
 
-ScriptedHost::Result ScriptedHost::Start(const Bytes &input, std::optional<uint32_t> len) {
+ScriptedHost::Result ScriptedHost::Start(const Bytes &input, std::optional<uint32_t> len,
+                                         uint8_t fill) {
     Result result;
-    result.io.assign(VELK_IO_BUFFER_MIN_LEN, 0);
-    std::copy_n(input.begin(), std::min<size_t>(input.size(), result.io.size()),
-                result.io.begin());
+    result.io.assign(VELK_IO_BUFFER_MIN_LEN, fill);
+    std::copy_n(input.begin(), std::min<size_t>(input.size(), result.io.size()), result.io.begin());
     uint32_t ioLen = len.value_or(static_cast<uint32_t>(input.size()));
     current_ = this;
     result.status = Kernel_Start_VELK_(result.io.data(), &ioLen);

@@ -35,6 +35,7 @@ using velk::host::Bytes;
 struct Message {
     uint8_t command = 0;
     Bytes payload;  // the encoded elements after DF00, in order
+    Bytes raw;      // the whole request as the kernel sent it
 };
 
 // What a handler does with the exchange buffer: writes `buffer` from its first
@@ -55,7 +56,7 @@ struct CardExchange {
     enum class Kind { Respond, RespondLater, Signal, CallbackFailure };
     Bytes capdu;
     Kind kind = Kind::Respond;
-    Bytes rapdu;        // Respond, RespondLater
+    Bytes rapdu;         // Respond, RespondLater
     uint8_t signal = 0;  // Signal: A1, A5 or A6
     uint32_t failure = 0;
     std::optional<std::chrono::milliseconds> fromThreadAfter;  // RespondLater
@@ -85,9 +86,9 @@ public:
     ScriptedHost &operator=(const ScriptedHost &) = delete;
 
     // ---- Configuration --------------------------------------------------------
-    std::vector<Bytes> ics;         // D1: the reply's children
-    std::vector<Bytes> aidParams;   // D3: the reply's children
-    std::vector<Bytes> context;     // A3: the reply's children
+    std::vector<Bytes> ics;                                       // D1: the reply's children
+    std::vector<Bytes> aidParams;                                 // D3: the reply's children
+    std::vector<Bytes> context;                                   // A3: the reply's children
     Bytes unpredictableNumber = velk::host::FromHex("11223344");  // D5: 9F37
     uint8_t cardActiveSignal = kCardPresentSignal;                // D6
     std::vector<CardExchange> card;                               // F1, in order
@@ -116,8 +117,9 @@ public:
         Bytes io;   // the whole VELK_IO_BUFFER_MIN_LEN-byte buffer afterwards
     };
     // Kernel_Start_VELK_ with the input in a VELK_IO_BUFFER_MIN_LEN-byte buffer
-    // (or with `len` in place of the input's length, to lie about it).
-    Result Start(const Bytes &input, std::optional<uint32_t> len = {});
+    // whose other bytes hold `fill`, and `len` in place of the input's length
+    // when given (to lie about it).
+    Result Start(const Bytes &input, std::optional<uint32_t> len = {}, uint8_t fill = 0);
 
     BoundKernel &kernel() { return kernel_; }
     VELK_GLOBALVALUE_STRUCT &g() { return kernel_.g(); }
@@ -156,13 +158,13 @@ Bytes With9000(const Bytes &data);
 struct OutcomePacket {
     explicit OutcomePacket(const Bytes &packet);
 
-    Bytes ops;                                 // DF8129
-    std::optional<Bytes> uird;                 // DF8116
-    std::optional<Bytes> restartUird;          // 9F8117
+    Bytes ops;                                         // DF8129
+    std::optional<Bytes> uird;                         // DF8116
+    std::optional<Bytes> restartUird;                  // 9F8117
     std::optional<velk::host::TlvNode> discretionary;  // FF8106
     std::optional<velk::host::TlvNode> record;         // FF8105
-    std::optional<Bytes> reader;               // 9F8211
-    std::vector<uint32_t> order;               // the tags of 7F01's children in order
+    std::optional<Bytes> reader;                       // 9F8211
+    std::vector<uint32_t> order;                       // the tags of 7F01's children in order
 
     // Tags of a container's children, in order.
     static std::vector<uint32_t> Tags(const velk::host::TlvNode &container);
