@@ -18,7 +18,10 @@ set(VELK_PACKAGE_MAINTAINER "libvelk team <libvelk@localhost>"
 set(CPACK_PACKAGE_NAME velk)
 set(CPACK_PACKAGE_VENDOR "libvelk team")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+# CPack's own default summary, which it does not put in front of a
+# component's description: the first line of each description below is then
+# that package's synopsis.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${CMAKE_PROJECT_NAME} built using CMake")
 set(CPACK_PACKAGE_CONTACT "${VELK_PACKAGE_MAINTAINER}")
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
@@ -36,21 +39,23 @@ set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)  # exact version of libvelk1
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+# A shlibs file for libvelk1 (only that package holds a shared library):
+# programs linked with libvelk.so.1 depend on libvelk1 (>= this version).
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libvelk${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 string(CONCAT CPACK_COMPONENT_RUNTIME_DESCRIPTION
-    "${PROJECT_DESCRIPTION}: shared library\n"
+    "contactless EMV payment kernel (shared library)\n"
     "The library of a contactless EMV payment kernel for terminal host software.\n"
     "It allocates no memory, keeps its state in a block the host binds and\n"
     "imports its crypto and memory services from the host (pemv_kn_glb).")
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libvelk-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 string(CONCAT CPACK_COMPONENT_DEV_DESCRIPTION
-    "${PROJECT_DESCRIPTION}: development files\n"
+    "contactless EMV payment kernel (development files)\n"
     "Headers, the static library, the pkg-config file (velk) and the CMake\n"
     "package (find_package(velk): velk::velk, velk::velk_static), with the\n"
     "integration guide, the ABI promise and a complete host in C.")
@@ -58,7 +63,7 @@ string(CONCAT CPACK_COMPONENT_DEV_DESCRIPTION
 set(CPACK_DEBIAN_TERM_PACKAGE_NAME velk-term)
 set(CPACK_DEBIAN_TERM_PACKAGE_SECTION utils)
 string(CONCAT CPACK_COMPONENT_TERM_DESCRIPTION
-    "${PROJECT_DESCRIPTION}: terminal simulator\n"
+    "contactless EMV payment kernel (terminal simulator)\n"
     "velk-term runs transactions through libvelk against virtual cards or a\n"
     "PC/SC reader, with bundled terminal and card profiles and scenarios.")
 
