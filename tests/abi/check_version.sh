@@ -27,7 +27,7 @@ for n in $nodes; do
 done
 
 # The functions of the node, as the version script lists them.
-functions=$(sed -n "/^$node[[:space:]]*{/,/}/p" "$map" | sed -n '/global:/,/local:/p' |
+functions=$(sed -n "/^${node}[[:space:]]*{/,/}/p" "$map" | sed -n '/global:/,/local:/p' |
   sed -n 's/^[[:space:]]*\([A-Za-z_][A-Za-z0-9_]*\);.*/\1/p')
 [ -n "$functions" ] || fail "the version script has no global functions in $node"
 symbols=$(readelf --dyn-syms -W "$lib")

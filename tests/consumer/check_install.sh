@@ -23,9 +23,10 @@ for f in include/velk/emv_kernel.h include/velk/emv_kernel_global.h; do
   [ -f "$prefix/$f" ] || fail "$f not installed"
 done
 libdir=$(dirname "$(find "$prefix" -name libvelk.a | head -n 1)")
-[ -n "$libdir" ] && [ -f "$libdir/libvelk.a" ] || fail "libvelk.a not installed"
-[ -f "$libdir/libvelk.so.$version" ] && [ ! -L "$libdir/libvelk.so.$version" ] ||
+if [ -z "$libdir" ] || [ ! -f "$libdir/libvelk.a" ]; then fail "libvelk.a not installed"; fi
+if [ ! -f "$libdir/libvelk.so.$version" ] || [ -L "$libdir/libvelk.so.$version" ]; then
   fail "libvelk.so.$version is not the library file"
+fi
 for link in "libvelk.so.${version%%.*}" libvelk.so; do
   [ -L "$libdir/$link" ] || fail "$link is not a symbolic link"
 done
@@ -35,7 +36,7 @@ internal=$(find "$prefix/include" -name '*.h*' ! -name emv_kernel.h ! -name emv_
 echo "== pkg-config"
 pcdir=$libdir/pkgconfig
 [ -f "$pcdir/velk.pc" ] || fail "velk.pc not installed in $pcdir"
-pc() { PKG_CONFIG_LIBDIR=$pcdir PKG_CONFIG_PATH= "$pkgconfig" "$@" velk; }
+pc() { PKG_CONFIG_LIBDIR=$pcdir PKG_CONFIG_PATH='' "$pkgconfig" "$@" velk; }
 [ "$(pc --modversion)" = "$version" ] || fail "pkg-config version $(pc --modversion), not $version"
 real_prefix=$(cd "$prefix" && pwd -P)
 case $(cd "$(pc --variable=includedir)" && pwd -P) in
