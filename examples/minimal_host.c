@@ -282,9 +282,9 @@ static const char *name_of(const struct name *table, size_t count, uint32_t code
 
 /* Byte 0 of the Outcome Parameter Set. */
 static const struct name statuses[] = {
-    {0x10, "Approved"},        {0x20, "Declined"},    {0x30, "Online Request"},
-    {0x40, "End Application"}, {0x50, "Select Next"}, {0x60, "Try Another Interface"},
-    {0x70, "Try Again"},
+    {0x00, "none reached"},          {0x10, "Approved"},        {0x20, "Declined"},
+    {0x30, "Online Request"},        {0x40, "End Application"}, {0x50, "Select Next"},
+    {0x60, "Try Another Interface"}, {0x70, "Try Again"},
 };
 
 /* Byte 3 of the Outcome Parameter Set. */
