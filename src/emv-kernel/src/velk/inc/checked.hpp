@@ -118,6 +118,30 @@ uint32_t MsgCall();
 // The root of the host's reply (meaningful after MsgCall returned 0).
 uint8_t *MsgReply();
 
+// ---- Transaction control (VelkKernel_Process.cpp) ----------------------------
+
+// The constructed 7F11 of the transaction input (len bytes at input); null
+// when it is absent or the input is not a well-formed sequence.
+uint8_t *InputTemplate(uint8_t *input, uint32_t len);
+
+// The input edits of the restart after an ECHO communication error: 9F06 and
+// 9F872B leave the 7F11, the FCI (when fci is not null) takes the place of any
+// 9F8201 in it, whatever followed the 7F11 is dropped and cleared, and *len
+// becomes the input's new length. The 7F11 stays inside the first
+// VELK_IO_BUFFER_MIN_LEN bytes of input; false (with *len unchanged) when the
+// input has no 7F11, the FCI does not fit or the result is not well formed.
+bool EchoRestartInput(uint8_t *input, uint32_t *len, const uint8_t *fci, uint32_t fciLen);
+
+// The first element with this tag in the dynamic transaction parameters
+// (depth first), or null.
+uint8_t *DtpFind(uint32_t tag);
+
+// The outcome TLV 7F01 of the current outcome, written into cap bytes at out.
+// *len follows the packet's length after each element; an element that would
+// pass cap is left out whole and the packet stays well formed. Nothing is
+// written when not even the empty 7F01 fits.
+void BuildOutcomePacket(uint8_t *out, uint32_t cap, uint32_t *len);
+
 // ---- Card responses of the payment steps (InitiateApplicationProcessing.cpp,
 //      CAA.cpp) -----------------------------------------------------------------
 
