@@ -75,6 +75,10 @@ private:
 
 // ---- Codec bounds (tlv.cpp) -------------------------------------------------
 
+// Copies n bytes, correctly also when the two ranges overlap (a move inside
+// one buffer runs in the direction that keeps the source intact).
+void CopyBytes(uint8_t *dst, const uint8_t *src, uint32_t n);
+
 // TLV_New into dst only if the element fits in cap bytes; bytes written or 0.
 uint32_t NewChecked(uint8_t *dst, uint32_t cap, uint32_t tag, const uint8_t *value, uint32_t len);
 
@@ -87,6 +91,12 @@ uint32_t AddTagChecked(uint8_t *parent, uint32_t cap, uint32_t tag, const uint8_
 // TLV_AddTag_UpDataMode with the same bound.
 uint32_t AddTagUpdateChecked(uint8_t *parent, uint32_t cap, uint32_t tag, const uint8_t *value,
                              uint32_t len);
+
+// Removes child, an element inside the value of the constructed parent (as
+// TLV_FindChildTag returns it), rewriting only the parent's length the way
+// TLV_DelTag does. The parent's new total length; 0 (nothing changed) when
+// child does not lie whole inside the parent's value.
+uint32_t DelChild(uint8_t *parent, uint8_t *child);
 
 // Total length of the element at p when its header and its whole tree lie
 // within n bytes and are well formed (TLV_Check_Format over that length);
@@ -103,6 +113,13 @@ uint8_t *FindInSequence(uint8_t *p, uint32_t len, uint32_t tag);
 // value bytes (the design's "up to N bytes"); *len receives the number copied.
 // 0, or 0x31004 when the tag is absent (*len untouched).
 uint32_t DbGet(uint32_t tag, uint8_t *out, uint32_t cap, uint32_t *len);
+
+// ---- Data records (Database.cpp) ----------------------------------------------
+
+// VelkCless_Create_2ndGAC_OnlineData_DataRecord into a container of cap bytes
+// (the constructed element already started at container); *len receives the
+// container's total length after each element added.
+void CreateOnlineRecord(uint8_t *container, uint32_t cap, uint32_t *len);
 
 // ---- Callback messages (callback.cpp) ----------------------------------------
 
