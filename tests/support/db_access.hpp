@@ -12,7 +12,10 @@
 
 namespace velk::test {
 
+// Stores a value, replacing any earlier one (also of a tag that may be set
+// only once per transaction).
 inline void Put(uint32_t tag, const host::Bytes &value) {
+    VelkDataBase_Del_TAG(tag);
     ASSERT_EQ(VelkDataBase_Set_TAG(tag, static_cast<uint32_t>(value.size()), value.data()), 0u)
         << std::hex << tag;
 }

@@ -45,6 +45,9 @@ struct AttendanceCase {
     const char *terminalType;  // nullptr: 9F35 absent
     bool unattended;
 };
+void PrintTo(const AttendanceCase &c, std::ostream *os) {
+    *os << (c.terminalType ? c.terminalType : "absent");
+}
 
 class CvmAttendance : public Cvm, public ::testing::WithParamInterface<AttendanceCase> {};
 
@@ -160,12 +163,16 @@ struct ApplyCase {
     const char *results;
     const char *tvr3;
 };
+void PrintTo(const ApplyCase &c, std::ostream *os) {
+    *os << c.rule;
+}
 
 class CvmApply : public Cvm, public ::testing::WithParamInterface<ApplyCase> {};
 
 TEST_P(CvmApply, TheFirstSupportedRuleDecides) {
     Capabilities(0x06, 0x40, 0x00);
-    EXPECT_EQ(List(std::string("00000000 00000000 ") + GetParam().rule), 0u);
+    // X = 1.00, Y = 5.00, amount 1.00
+    EXPECT_EQ(List(std::string("00000064 000001F4 ") + GetParam().rule), 0u);
     EXPECT_EQ(g().ucCVM, GetParam().cvm);
     EXPECT_EQ(Results(), GetParam().results);
     EXPECT_EQ(Byte3(), GetParam().tvr3);
@@ -233,6 +240,9 @@ struct CardChoiceCase {
     const char *results;
     const char *tvr3;
 };
+void PrintTo(const CardChoiceCase &c, std::ostream *os) {
+    *os << "C5 " << c.c5 << " TTPI " << int(c.ttpi1) << " " << int(c.ttpi2);
+}
 
 class CvmCardChoice : public Cvm, public ::testing::WithParamInterface<CardChoiceCase> {};
 

@@ -35,6 +35,9 @@ struct DolCase {
     const char *dol;
     const char *expected;
 };
+void PrintTo(const DolCase &c, std::ostream *os) {
+    *os << c.dol;
+}
 
 class DolValues : public DolBuilder, public ::testing::WithParamInterface<DolCase> {};
 
@@ -67,7 +70,7 @@ INSTANTIATE_TEST_SUITE_P(
         DolCase{"ConstructedTwoBytes", 0xBF0C, "01", "BF0C01", "00"},
         // three-byte tags: bit 0x20 of the middle byte decides, not the first
         DolCase{"ThreeByteMiddleBitSet", 0x9FA001, "AB", "9FA00101", "00"},
-        DolCase{"ThreeByteFirstByteConstructed", 0xFF8105, "AB", "FF810501", "AB"}),
+        DolCase{"ThreeByteFirstByteConstructed", 0xBF8101, "AB", "BF810101", "AB"}),
     [](const auto &info) { return std::string(info.param.name); });
 
 TEST_F(DolBuilder, SkipsPaddingBetweenEntriesAndConcatenatesValues) {

@@ -83,6 +83,9 @@ struct DateCase {
     const char *effective;  // nullptr: absent
     uint8_t tvr;
 };
+void PrintTo(const DateCase &c, std::ostream *os) {
+    *os << c.name;
+}
 
 class RestrictionDates : public Restrictions, public ::testing::WithParamInterface<DateCase> {};
 
@@ -130,6 +133,9 @@ struct UsageCase {
     const char *issuerCountry;
     bool fails;
 };
+void PrintTo(const UsageCase &c, std::ostream *os) {
+    *os << c.name;
+}
 
 class RestrictionUsage : public Restrictions, public ::testing::WithParamInterface<UsageCase> {};
 

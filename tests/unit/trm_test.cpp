@@ -27,6 +27,9 @@ struct RandomCase {
     uint32_t result;
     bool selected;
 };
+void PrintTo(const RandomCase &c, std::ostream *os) {
+    *os << c.name;
+}
 
 class RandomSelection : public Trm, public ::testing::WithParamInterface<RandomCase> {};
 
@@ -112,7 +115,7 @@ TEST_F(Velocity, SendsBothGetDataCommands) {
     ASSERT_EQ(host_.apdus.size(), 2u);
     EXPECT_EQ(Hex(host_.apdus[0]), "80CA9F3600");
     EXPECT_EQ(Hex(host_.apdus[1]), "80CA9F1300");
-    EXPECT_EQ(Tvr(), "0000000040");  // 6 > 5, not > 10
+    EXPECT_EQ(Tvr(), "0000004000");  // 6 > 5, not > 10
 }
 
 struct VelocityCase {
@@ -121,6 +124,9 @@ struct VelocityCase {
     const char *lastOnline;  // nullptr: not asked
     const char *tvr;
 };
+void PrintTo(const VelocityCase &c, std::ostream *os) {
+    *os << c.name;
+}
 
 class VelocityCases : public Velocity, public ::testing::WithParamInterface<VelocityCase> {};
 
@@ -135,26 +141,26 @@ TEST_P(VelocityCases, Bits) {
 INSTANTIATE_TEST_SUITE_P(
     Cases, VelocityCases,
     ::testing::Values(
-        VelocityCase{"EqualAtcSetsBoth", "9F360200109000", "9F130200109000", "0000000060"},
-        VelocityCase{"BelowSetsBoth", "9F360200109000", "9F130200119000", "0000000060"},
+        VelocityCase{"EqualAtcSetsBoth", "9F360200109000", "9F130200109000", "0000006000"},
+        VelocityCase{"BelowSetsBoth", "9F360200109000", "9F130200119000", "0000006000"},
         VelocityCase{"NewCardOnly", "9F360200059000", "9F130200009000", "0008000000"},
-        VelocityCase{"AboveUpper", "9F3602001B9000", "9F130200109000", "0000000060"},
+        VelocityCase{"AboveUpper", "9F3602001B9000", "9F130200109000", "0000006000"},
         VelocityCase{"AtLowerNothing", "9F360200159000", "9F130200109000", "0000000000"},
-        VelocityCase{"AtcRefusedCountsAsZero", "6A88", "9F130200109000", "2000000060"},
-        VelocityCase{"AtcWrongTag", "9F370200109000", nullptr, "2000000060"},
-        VelocityCase{"AtcWrongLength", "9F3603000010 9000", nullptr, "2000000060"},
-        VelocityCase{"AtcCutShort", "9F3602009000", nullptr, "2000000060"},
-        VelocityCase{"AtcNoData", "9000", nullptr, "2000000060"},
-        VelocityCase{"AtcNoStatusWord", "90", "9F130200109000", "2000000060"},
-        VelocityCase{"RegisterRefused", "9F360200109000", "6A88", "2000000060"},
+        VelocityCase{"AtcRefusedCountsAsZero", "6A88", "9F130200109000", "2000006000"},
+        VelocityCase{"AtcWrongTag", "9F370200109000", nullptr, "2000006000"},
+        VelocityCase{"AtcWrongLength", "9F3603000010 9000", nullptr, "2000006000"},
+        VelocityCase{"AtcCutShort", "9F3602009000", nullptr, "2000006000"},
+        VelocityCase{"AtcNoData", "9000", nullptr, "2000006000"},
+        VelocityCase{"AtcNoStatusWord", "90", "9F130200109000", "2000006000"},
+        VelocityCase{"RegisterRefused", "9F360200109000", "6A88", "2000006000"},
         VelocityCase{"RegisterHostileLength", "9F360200109000", "9F1383FFFFFF 9000",
-                     "2000000060"}),
+                     "2000006000"}),
     [](const auto &info) { return std::string(info.param.name); });
 
 TEST_F(Velocity, AnswerLongerThanItsBufferCountsAsMissing) {
     host_.Respond("9F360200 10" + std::string(80, '0') + "9000");
     EXPECT_EQ(VelkCelss_TRM_CheckVelocity(), 0u);
-    EXPECT_EQ(Tvr(), "2000000060");
+    EXPECT_EQ(Tvr(), "2000006000");
     EXPECT_EQ(host_.apdus.size(), 1u);
 }
 

@@ -174,7 +174,7 @@ uint32_t DeclaredLen(const uint8_t *p, uint32_t n);
 // decoding as its total length. (TLV_GetValue reads a length byte 84 or above
 // as a longer field than the one the total length counts, so on card data
 // its pointer plus the length could pass the element.)
-uint8_t *ValueOf(uint8_t *element);
+uint8_t *ElementValue(uint8_t *element);
 
 // The children of a constructed element whose whole tree was checked
 // (WellFormedLen or TLV_Check_Format). Padding (a run of FF then a run of 00)

@@ -18,7 +18,7 @@ int32_t GetDataOk(uint32_t tag, uint8_t *resp) {
 }
 
 void StoreElement(uint8_t *element) {
-    VelkDataBase_Set_TAG(TLV_GetTag(element), TLV_GetLen(element), velk::ValueOf(element));
+    VelkDataBase_Set_TAG(TLV_GetTag(element), TLV_GetLen(element), velk::ElementValue(element));
 }
 
 // Balance data, when the reader reads it. Failures of any kind only leave

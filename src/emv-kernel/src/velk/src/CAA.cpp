@@ -51,7 +51,7 @@ bool StoreGacResponse(uint8_t *tpl, uint32_t len, GacObjects *seen) {
     for (uint8_t *child = NextChild(walk); child != nullptr; child = NextChild(walk)) {
         const uint32_t tag = TLV_GetTag(child);
         const uint32_t n = TLV_GetLen(child);
-        const uint8_t *value = ValueOf(child);
+        const uint8_t *value = ElementValue(child);
         VelkDataBase_Set_TAG(tag, n, value);
         if (VelkCless_Check_Tag_Length(tag, n) != 0) return false;
         switch (tag) {

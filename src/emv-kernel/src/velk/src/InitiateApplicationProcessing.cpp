@@ -24,7 +24,7 @@ uint32_t DeclaredLen(const uint8_t *p, uint32_t n) {
     return total;
 }
 
-uint8_t *ValueOf(uint8_t *element) {
+uint8_t *ElementValue(uint8_t *element) {
     return element + (TLV_GetTlvTotalLen(element) - TLV_GetLen(element));
 }
 
@@ -181,7 +181,7 @@ uint32_t VelkCless_GPO_Response_Process(uint8_t *pInData, uint32_t uiInDatalen) 
         const uint32_t tag = TLV_GetTag(child);
         if (VelkCless_Check_DataResoure_NotAllow(kCardSource, tag) != 0) continue;
         const uint32_t len = TLV_GetLen(child);
-        const uint8_t *value = velk::ValueOf(child);
+        const uint8_t *value = velk::ElementValue(child);
         if (tag == 0x82 && len == 2) aip = true;
         if (tag == 0x94) afl = true;
         // An empty C5 carries no CCID byte to decide on: not counted.

@@ -26,7 +26,7 @@ uint32_t VelkCless_ODA_CDA_Save_GAC_Exp9F4B(const uint8_t *response, uint32_t le
     Memcpy_(tpl, response, static_cast<int>(length));
     if (velk::WellFormedLen(tpl, length) != length) return 0;
     TLV_DelTag(tpl, 0x9F4B);
-    VelkDataBase_Set_TAG(0x9F8214, TLV_GetLen(tpl), velk::ValueOf(tpl));
+    VelkDataBase_Set_TAG(0x9F8214, TLV_GetLen(tpl), velk::ElementValue(tpl));
     return 0;
 }
 

@@ -41,7 +41,7 @@ uint32_t StoreRecordTemplate(uint8_t *tpl) {
         const uint32_t len = TLV_GetLen(child);
         // Stored first, then judged: a value out of its range still ends the
         // transaction, with the value left in the database.
-        if (VelkDataBase_Set_TAG(tag, len, velk::ValueOf(child)) == 0x31001) return 0x31001;
+        if (VelkDataBase_Set_TAG(tag, len, velk::ElementValue(child)) == 0x31001) return 0x31001;
         if (VelkCless_Check_Tag_Length(tag, len) != 0) return 0x3020B;
     }
     return 0;
@@ -57,7 +57,7 @@ void CollectForOda(uint8_t *resp, uint32_t dataLen, uint8_t sfi) {
     const uint8_t *from = resp;
     uint32_t n = dataLen;
     if (sfi <= 10) {
-        from = velk::ValueOf(resp);
+        from = velk::ElementValue(resp);
         n = TLV_GetLen(resp);
     }
     // Static data that does not fit in ODA_AuthData is not cut short: nothing

@@ -58,7 +58,7 @@ Counter ReadCounter(uint32_t tag, uint32_t *value, uint32_t *rc) {
     const uint32_t total = velk::DeclaredLen(resp, dataLen);
     if (total == 0 || total > dataLen || TLV_GetTag(resp) != tag || TLV_GetLen(resp) != 2)
         return Counter::kMissing;
-    const uint8_t *v = velk::ValueOf(resp);
+    const uint8_t *v = velk::ElementValue(resp);
     *value = (static_cast<uint32_t>(v[0]) << 8) | v[1];
     return Counter::kOk;
 }
@@ -81,7 +81,7 @@ uint32_t VelkCless_Terminal_Exception_File_Check(void) {
     if (velk::MsgCall() != 0) return 0;
     uint8_t *reply = velk::MsgReply();
     uint8_t *listed = velk::FindInSequence(reply, TLV_GetTlvTotalLen(reply), 0xDF05);
-    if (listed == nullptr || TLV_GetLen(listed) == 0 || velk::ValueOf(listed)[0] == 0) return 0;
+    if (listed == nullptr || TLV_GetLen(listed) == 0 || velk::ElementValue(listed)[0] == 0) return 0;
     G().ucTVR[0] |= kTvr1ExceptionFile;
     VelkCless_Set_Terminal_Transaction_Result(0);
     return kListedOnExceptionFile;
