@@ -67,11 +67,13 @@ uint32_t StepHost::Handle(uint8_t *buf, uint32_t *len) {
         }
         case 0xD5:
             Reply(buf, len,
-                  random ? Tlv(0x7F01, {Tlv(0x9F37, Bytes{*random, 0, 0, 0})}) : Tlv(0x7F01, Bytes{}));
+                  random ? Tlv(0x7F01, {Tlv(0x9F37, Bytes{*random, 0, 0, 0})})
+                         : Tlv(0x7F01, Bytes{}));
             return 0;
         case 0xE6:
-            Reply(buf, len,
-                  exceptionFile ? Tlv(0x7F01, {Tlv(0xDF05, *exceptionFile)}) : Tlv(0x7F01, Bytes{}));
+            Reply(
+                buf, len,
+                exceptionFile ? Tlv(0x7F01, {Tlv(0xDF05, *exceptionFile)}) : Tlv(0x7F01, Bytes{}));
             return 0;
         default:
             return 0;

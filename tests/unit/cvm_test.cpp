@@ -64,8 +64,7 @@ INSTANTIATE_TEST_SUITE_P(TerminalTypes, CvmAttendance,
                                            AttendanceCase{"25", true}, AttendanceCase{"36", true},
                                            AttendanceCase{"94", false}, AttendanceCase{"90", false},
                                            AttendanceCase{"95", true}, AttendanceCase{"99", true},
-                                           AttendanceCase{"41", false},
-                                           AttendanceCase{"05", false},
+                                           AttendanceCase{"41", false}, AttendanceCase{"05", false},
                                            AttendanceCase{nullptr, false}));
 
 TEST_F(Cvm, ConditionsOnTheTransactionType) {
@@ -259,19 +258,19 @@ TEST_P(CvmCardChoice, TheCardsSelectionInC5) {
     EXPECT_EQ(g().ucTVR[0], 0x20);  // no CVM List: ICC data missing
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Selections, CvmCardChoice,
-    ::testing::Values(CardChoiceCase{"00", 0x06, 0x00, 0xF0, "3F0000", "00"},
-                      CardChoiceCase{"00", 0x06, 0x40, 0x00, "1F0000", "80"},
-                      CardChoiceCase{"01", 0x02, 0x00, 0x10, "1E0000", "00"},
-                      CardChoiceCase{"01", 0x04, 0x00, 0xF0, "1E0001", "80"},
-                      CardChoiceCase{"02", 0x04, 0x00, 0x20, "020000", "04"},
-                      CardChoiceCase{"02", 0x02, 0x00, 0xF0, "020001", "80"},
-                      CardChoiceCase{"03", 0x06, 0x00, 0xF0, "3F0000", "80"},  // no 8E
-                      CardChoiceCase{"F5", 0x00, 0x00, 0x30, "240002", "00"},
-                      CardChoiceCase{"04", 0x06, 0x40, 0xF0, "3F0000", "00"},
-                      CardChoiceCase{"06", 0x06, 0x40, 0xF0, "3F0000", "00"},
-                      CardChoiceCase{"07", 0x06, 0x40, 0xF0, "3F0000", "00"}));
+INSTANTIATE_TEST_SUITE_P(Selections, CvmCardChoice,
+                         ::testing::Values(CardChoiceCase{"00", 0x06, 0x00, 0xF0, "3F0000", "00"},
+                                           CardChoiceCase{"00", 0x06, 0x40, 0x00, "1F0000", "80"},
+                                           CardChoiceCase{"01", 0x02, 0x00, 0x10, "1E0000", "00"},
+                                           CardChoiceCase{"01", 0x04, 0x00, 0xF0, "1E0001", "80"},
+                                           CardChoiceCase{"02", 0x04, 0x00, 0x20, "020000", "04"},
+                                           CardChoiceCase{"02", 0x02, 0x00, 0xF0, "020001", "80"},
+                                           CardChoiceCase{"03", 0x06, 0x00, 0xF0, "3F0000",
+                                                          "80"},  // no 8E
+                                           CardChoiceCase{"F5", 0x00, 0x00, 0x30, "240002", "00"},
+                                           CardChoiceCase{"04", 0x06, 0x40, 0xF0, "3F0000", "00"},
+                                           CardChoiceCase{"06", 0x06, 0x40, 0xF0, "3F0000", "00"},
+                                           CardChoiceCase{"07", 0x06, 0x40, 0xF0, "3F0000", "00"}));
 
 TEST_F(Cvm, WithoutC5TheListIsUsedOnlyWhenACvmIsRequired) {
     Put(0x82, "1000");

@@ -55,8 +55,7 @@ INSTANTIATE_TEST_SUITE_P(
         DolCase{"NumericPadded", 0x9F02, "000000012345", "9F0208", "0000000000012345"},
         DolCase{"NumericCut", 0x9F02, "000000012345", "9F0204", "00012345"},
         // cn: left-aligned, padded with F; too long keeps the leading bytes
-        DolCase{"CompressedPadded", 0x5A, "5413330089601041", "5A0A",
-                "5413330089601041FFFF"},
+        DolCase{"CompressedPadded", 0x5A, "5413330089601041", "5A0A", "5413330089601041FFFF"},
         DolCase{"CompressedCut", 0x5A, "5413330089601041", "5A04", "54133300"},
         // anything else: left-aligned, padded with 00
         DolCase{"AnsPadded", 0x50, "4142", "5004", "41420000"},

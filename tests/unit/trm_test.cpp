@@ -49,32 +49,32 @@ INSTANTIATE_TEST_SUITE_P(
     Cases, RandomSelection,
     ::testing::Values(
         // under the threshold: selected when P >= R
-        RandomCase{"P99Accepted", "99", "99", "000000001000", "000007D0", "000000000500", 97,
-                   0, true},                     // R = 98
+        RandomCase{"P99Accepted", "99", "99", "000000001000", "000007D0", "000000000500", 97, 0,
+                   true},  // R = 98
         RandomCase{"UnderThresholdNotSelected", "10", "50", "000000001000", "000007D0",
                    "000000000500", 10, 0, false},  // R = 11 > 10
-        RandomCase{"UnderThresholdSelected", "10", "50", "000000001000", "000007D0",
-                   "000000000500", 9, 0, true},  // R = 10
-        RandomCase{"RandomByteWraps", "60", "60", "000000001000", "000007D0", "000000000500",
-                   0xFF, 0, true},  // 255 mod 99 + 1 = 58
+        RandomCase{"UnderThresholdSelected", "10", "50", "000000001000", "000007D0", "000000000500",
+                   9, 0, true},  // R = 10
+        RandomCase{"RandomByteWraps", "60", "60", "000000001000", "000007D0", "000000000500", 0xFF,
+                   0, true},  // 255 mod 99 + 1 = 58
         // between threshold and floor: Q = P + (M-P)(A-T)/(F-T) = 10 + 40*500/1000 = 30
-        RandomCase{"InterpolatedSelected", "10", "50", "000000001000", "000007D0",
-                   "000000001500", 29, 0, true},  // R = 30
+        RandomCase{"InterpolatedSelected", "10", "50", "000000001000", "000007D0", "000000001500",
+                   29, 0, true},  // R = 30
         RandomCase{"InterpolatedNotSelected", "10", "50", "000000001000", "000007D0",
                    "000000001500", 30, 0, false},  // R = 31
         // amount equal to the threshold interpolates with A - T = 0: Q = P
-        RandomCase{"AmountAtThresholdUsesP", "10", "50", "000000001000", "000007D0",
-                   "000000001000", 9, 0, true},
+        RandomCase{"AmountAtThresholdUsesP", "10", "50", "000000001000", "000007D0", "000000001000",
+                   9, 0, true},
         RandomCase{"AmountAtThresholdNotAboveP", "10", "50", "000000001000", "000007D0",
                    "000000001000", 10, 0, false},
         // at or above the floor limit: never selected
-        RandomCase{"AtFloorNeverSelected", "99", "99", "000000001000", "000007D0",
-                   "000000002000", 0, 0, false},
+        RandomCase{"AtFloorNeverSelected", "99", "99", "000000001000", "000007D0", "000000002000",
+                   0, 0, false},
         // threshold equal to the floor: below uses P, at or above never
-        RandomCase{"ThresholdIsFloorBelow", "50", "50", "000000002000", "000007D0",
-                   "000000001999", 0, 0, true},
-        RandomCase{"ThresholdIsFloorAt", "50", "99", "000000002000", "000007D0",
-                   "000000002000", 0, 0, false},
+        RandomCase{"ThresholdIsFloorBelow", "50", "50", "000000002000", "000007D0", "000000001999",
+                   0, 0, true},
+        RandomCase{"ThresholdIsFloorAt", "50", "99", "000000002000", "000007D0", "000000002000", 0,
+                   0, false},
         // parameter checks, in their order
         RandomCase{"TargetA0Is100", "A0", "A0", "00", "00000000", "000000000001", 0, 0x31517,
                    false},
@@ -82,8 +82,8 @@ INSTANTIATE_TEST_SUITE_P(
                    false},
         RandomCase{"MaxBelowTarget", "50", "49", "00", "00000000", "000000000001", 0, 0x31519,
                    false},
-        RandomCase{"ThresholdAboveFloor", "10", "50", "000000002001", "000007D0",
-                   "000000000001", 0, 0x31520, false}),
+        RandomCase{"ThresholdAboveFloor", "10", "50", "000000002001", "000007D0", "000000000001", 0,
+                   0x31520, false}),
     [](const auto &info) { return std::string(info.param.name); });
 
 TEST_F(Trm, RandomSelectionIsSkippedWhenTheFloorLimitIsExceeded) {
@@ -153,8 +153,7 @@ INSTANTIATE_TEST_SUITE_P(
         VelocityCase{"AtcNoData", "9000", nullptr, "2000006000"},
         VelocityCase{"AtcNoStatusWord", "90", "9F130200109000", "2000006000"},
         VelocityCase{"RegisterRefused", "9F360200109000", "6A88", "2000006000"},
-        VelocityCase{"RegisterHostileLength", "9F360200109000", "9F1383FFFFFF 9000",
-                     "2000006000"}),
+        VelocityCase{"RegisterHostileLength", "9F360200109000", "9F1383FFFFFF 9000", "2000006000"}),
     [](const auto &info) { return std::string(info.param.name); });
 
 TEST_F(Velocity, AnswerLongerThanItsBufferCountsAsMissing) {
