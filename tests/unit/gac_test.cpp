@@ -289,7 +289,8 @@ TEST_F(SecondGac, CommandCarriesTheCdol2DataAndLeavesTheResponse) {
     host_.Respond("77 00 9000");
     EXPECT_EQ(VelkCless_Generate_AC_2nd_Command(0x40), 0u);
     EXPECT_EQ(Hex(host_.apdus[0]),
-              "80AE400007303000000000"
+              "80AE4000073030"
+              "0000000000"
               "00");
     EXPECT_EQ(Hex(g().ucLastRAPDU, g().uiLastRAPDULen), "77009000");
     host_.Signal(0xA5);
