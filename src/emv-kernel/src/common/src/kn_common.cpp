@@ -73,4 +73,18 @@ uint32_t EMV_Queue_Delete_Element(EMV_Queue *q, ClessSignal_Message *signMsg) {
     return 1;
 }
 
+// Digits from the right; only the ten lowest count (the multiplier stops at
+// 10^9), nibbles above 9 count with their binary value.
+uint32_t Bcd_To_Long(const uint8_t *pucSrc, uint32_t uiSrcLen) {
+    uint32_t value = 0;
+    uint32_t multiplier = 1;
+    for (uint32_t digit = 0; digit < uiSrcLen; ++digit) {
+        const uint8_t byte = pucSrc[(uiSrcLen + 1) / 2 - 1 - digit / 2];
+        const uint32_t nibble = (digit % 2 == 0) ? (byte & 0x0Fu) : (byte >> 4);
+        value += nibble * multiplier;
+        multiplier = multiplier == 1000000000u ? 0 : multiplier * 10;
+    }
+    return value;
+}
+
 }  // extern "C"

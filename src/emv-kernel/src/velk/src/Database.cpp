@@ -585,8 +585,10 @@ uint8_t VelkCless_CheckTransactionType_IsPresent_Trans_Type_Auth_Appli(void) {
 // on a restart after an online response (8A present), the database's.
 uint8_t VelkCless_EchoCardIdentifier_9F75_isPartOf_FCI(void) {
     uint32_t len = 0;
-    if (uint8_t *fci = DynamicChild(kFci); fci != nullptr)
-        return EchoIdentifierIn(ValueOf(fci, &len), len);
+    if (uint8_t *fci = DynamicChild(kFci); fci != nullptr) {
+        uint8_t *value = ValueOf(fci, &len);
+        return EchoIdentifierIn(value, len);
+    }
     if (DynamicChild(kAuthorisationResponseCode) == nullptr) return 0;
     OBJECT_TAG stored{};
     if (VelkDataBase_GetTagValue(kFci, &stored) != 0) return 0;

@@ -732,10 +732,14 @@ bool EchoRestartInput(uint8_t *input, uint32_t *len, const uint8_t *fci, uint32_
     if (params == nullptr) return false;
     const uint32_t offset = static_cast<uint32_t>(params - input);
     const uint32_t room = VELK_IO_BUFFER_MIN_LEN - offset;
-    (void)TLV_DelTag(params, 0x9F06);
-    (void)TLV_DelTag(params, 0x9F872B);
+    const auto remove = [params](uint32_t tag) {
+        uint8_t *child = TLV_FindChildTag(params, tag);
+        if (child != nullptr) (void)DelChild(params, child);
+    };
+    remove(0x9F06);
+    remove(0x9F872B);
     if (fci != nullptr) {
-        (void)TLV_DelTag(params, 0x9F8201);
+        remove(0x9F8201);
         if (AddTagChecked(params, room, 0x9F8201, fci, fciLen) == 0) return false;
     }
     const uint32_t total = WellFormedLen(params, room);
