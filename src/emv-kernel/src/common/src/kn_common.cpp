@@ -87,4 +87,12 @@ uint32_t Bcd_To_Long(const uint8_t *pucSrc, uint32_t uiSrcLen) {
     return value;
 }
 
+// Big-endian bytes; of more than 4 only the last 4 count.
+uint32_t Hex_To_Long(const uint8_t *pucSrc, uint32_t uiSrcLen) {
+    uint32_t value = 0;
+    for (uint32_t i = 0; i < uiSrcLen; ++i)
+        value = (value << 8) | pucSrc[i];
+    return value;
+}
+
 }  // extern "C"
