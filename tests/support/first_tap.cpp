@@ -70,8 +70,7 @@ constexpr Step kSteps[] = {
     {0x2100, NoBuffer<VelkCless_Card_Action_Analysis_1st_Processing>, 0},
     {0x2210, NoBuffer<VelkCless_Online_Processing_Long_Tap>, 0},
     {0x2220, NoBuffer<VelkCless_Online_Processing_Online_Tap>, 0},
-    {0x2620, NoBuffer<VelkCless_Update_of_Data_Element_values_in_EEPROM_after_GPO_command>,
-     0x1400},
+    {0x2620, NoBuffer<VelkCless_Update_of_Data_Element_values_in_EEPROM_after_GPO_command>, 0x1400},
     {0x2630, NoBuffer<VelkCless_Update_of_Data_Element_values_in_EEPROM_after_CAA>, 0x2700},
     {0x2700, NoBuffer<VelkCless_Retrieval_Card_Balance>, 0},
     {0x2900, NoBuffer<VelkCless_Kernel_De_Activation>, 0},
@@ -140,20 +139,23 @@ Bytes Card::GpoResponse() const {
 
 std::vector<Bytes> Card::Records() const {
     if (records) return *records;
-    std::vector<Bytes> one = {T(0x57, track2),        T(0x5A, pan),        T(0x5F24, expiry),
-                              T(0x5F25, effective),   T(0x5F28, issuerCountry),
-                              T(0x9F07, auc),         T(0x9F08, version)};
+    std::vector<Bytes> one = {
+        T(0x57, track2),          T(0x5A, pan),   T(0x5F24, expiry), T(0x5F25, effective),
+        T(0x5F28, issuerCountry), T(0x9F07, auc), T(0x9F08, version)};
     Append(one, record1Extra);
-    std::vector<Bytes> two = {T(0x8C, cdol1),      T(0x8D, cdol2),      T(0x8E, cvmList),
-                              T(0x9F0E, iacDenial), T(0x9F0F, iacOnline), T(0x9F0D, iacDefault),
+    std::vector<Bytes> two = {T(0x8C, cdol1),
+                              T(0x8D, cdol2),
+                              T(0x8E, cvmList),
+                              T(0x9F0E, iacDenial),
+                              T(0x9F0F, iacOnline),
+                              T(0x9F0D, iacDefault),
                               T(0x9F42, applicationCurrency)};
     Append(two, record2Extra);
     return {Constructed(0x70, one), Constructed(0x70, two)};
 }
 
 Bytes Card::GacResponse() const {
-    std::vector<Bytes> children = {T(0x9F27, cid), T(0x9F36, atc), T(0x9F26, ac),
-                                   T(0x9F10, iad)};
+    std::vector<Bytes> children = {T(0x9F27, cid), T(0x9F36, atc), T(0x9F26, ac), T(0x9F10, iad)};
     Append(children, gacExtra);
     return With9000(Constructed(0x77, children));
 }
@@ -180,10 +182,10 @@ Bytes DolData(std::string_view dolHex, const std::map<uint32_t, Bytes> &values) 
 }
 
 std::map<uint32_t, Bytes> FirstTap::Values() const {
-    return {{0x9F02, FromHex(purchase.amount)},  {0x5F2A, FromHex(purchase.currency)},
-            {0x9A, FromHex(purchase.date)},      {0x9C, FromHex(purchase.type)},
-            {0x9F1A, FromHex(reader.country)},   {0x9F35, FromHex(reader.terminalType)},
-            {0x9F37, FromHex("11223344")},       {0x95, FromHex(tvr)}};
+    return {{0x9F02, FromHex(purchase.amount)}, {0x5F2A, FromHex(purchase.currency)},
+            {0x9A, FromHex(purchase.date)},     {0x9C, FromHex(purchase.type)},
+            {0x9F1A, FromHex(reader.country)},  {0x9F35, FromHex(reader.terminalType)},
+            {0x9F37, FromHex("11223344")},      {0x95, FromHex(tvr)}};
 }
 
 Bytes FirstTap::GpoCommand() const {
@@ -224,8 +226,9 @@ std::vector<CardExchange> FirstTap::Script() const {
         }
     }
     script.insert(script.end(), beforeGac.begin(), beforeGac.end());
-    if (!noGac) script.push_back(gac ? *gac : Respond(GacCommand(), card.GacResponse()));
+    script.push_back(gac ? *gac : Respond(GacCommand(), card.GacResponse()));
     script.insert(script.end(), afterGac.begin(), afterGac.end());
+    if (endAfter && *endAfter < script.size()) script.resize(*endAfter);
     return script;
 }
 

@@ -127,14 +127,15 @@ struct FirstTap {
     std::vector<CardExchange> afterGac;
 
     // Replacements of the standard exchanges (a test about a bad answer
-    // scripts that exchange itself); `noGac` ends the script before
-    // GENERATE AC, for taps that end earlier.
+    // scripts that exchange itself).
     std::optional<Bytes> gpoCommand;
     std::optional<CardExchange> gpo;
     std::optional<std::vector<CardExchange>> recordExchanges;
     std::optional<Bytes> gacCommand;
     std::optional<CardExchange> gac;
-    bool noGac = false;
+    // The card script ends after this many exchanges, for a tap that ends
+    // earlier (0: the card is never addressed).
+    std::optional<size_t> endAfter;
 
     // The values the DOLs are filled with: the transaction's, the reader's,
     // the unpredictable number 11223344 and `tvr`.
