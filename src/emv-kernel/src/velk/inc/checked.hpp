@@ -166,6 +166,15 @@ void BuildOutcomePacket(uint8_t *out, uint32_t cap, uint32_t *len);
 // shorter than 2 bytes has no status word and never passes.
 bool StatusIs9000(const uint8_t *rapdu, uint32_t len);
 
+// Endings shared by the steps that talk to the card. Each raises its outcome,
+// sets step 0 and returns what the step returns: a communication error ends
+// the payment as not completed (0), a stop by the reader ends with the
+// cancellation (0x30101), a broken card answer with Transaction Completed on
+// Error (0).
+uint32_t EndCommunicationError();
+uint32_t EndStopped();
+uint32_t EndOnError();
+
 // Total length that the header at p declares for its element, decoded from at
 // most n bytes; 0 when the header itself does not fit in n bytes.
 uint32_t DeclaredLen(const uint8_t *p, uint32_t n);

@@ -23,12 +23,6 @@ OBJECT_TAG Get(uint32_t tag) {
     return obj;
 }
 
-uint32_t CompletedOnError() {
-    VelkCless_Transaction_Completed_on_Error();
-    VelkCless_SetTransactionStep(0);
-    return 0;
-}
-
 // Card asked for a CVM on the consumer's device: by CVM Results (confirmation
 // code, not yet performed) on a declined card that sent no C5, or by C5.
 bool OnDeviceCvmRequested(const velk::GacObjects &r) {
@@ -123,23 +117,23 @@ uint32_t VelkCless_Anglyse_Generate_AC_1st_Response(uint8_t *pR_APDU, uint32_t u
     const uint8_t earlierC5Byte1 = hadC5 ? earlierC5.pValue[0] : 0;
 
     // Format 1 (tag 80) is refused on purpose, as after GET PROCESSING OPTIONS.
-    if (uiR_APDULen < 3 || pR_APDU[0] != 0x77) return CompletedOnError();
+    if (uiR_APDULen < 3 || pR_APDU[0] != 0x77) return velk::EndOnError();
     const uint32_t tplLen = uiR_APDULen - 2;
     velk::GacObjects r{};
-    if (!velk::StoreGacResponse(pR_APDU, tplLen, &r)) return CompletedOnError();
+    if (!velk::StoreGacResponse(pR_APDU, tplLen, &r)) return velk::EndOnError();
     const uint8_t cryptogram = r.cidValue & 0xC0;
 
     const bool cdaRequested = VelkCless_Get_CDA_Signature_Requested() != 0;
     if (cdaRequested && r.sdad) VelkCless_ODA_CDA_Save_GAC_Exp9F4B(pR_APDU, tplLen);
-    if (cdaRequested && !r.sdad && cryptogram != kAac) return CompletedOnError();
+    if (cdaRequested && !r.sdad && cryptogram != kAac) return velk::EndOnError();
 
-    if (!r.cid || !r.atc || !r.iad || !(r.ac || r.sdad)) return CompletedOnError();
+    if (!r.cid || !r.atc || !r.iad || !(r.ac || r.sdad)) return velk::EndOnError();
 
     const OBJECT_TAG aip = Get(0x82);
-    if (r.sdad && aip.uiLength != 0 && (aip.pValue[0] & 0x01) == 0) return CompletedOnError();
+    if (r.sdad && aip.uiLength != 0 && (aip.pValue[0] & 0x01) == 0) return velk::EndOnError();
 
     if (hadC5 && (!r.c5 || (r.c5Byte1 & 0x07) != (earlierC5Byte1 & 0x07)))
-        return CompletedOnError();
+        return velk::EndOnError();
 
     if (OnDeviceCvmRequested(r)) {
         VelkCless_Financial_Transaction_Completed_On_device_CVM_Requested();
@@ -182,24 +176,18 @@ uint32_t VelkCless_Generate_AC_1st_Command(void) {
             VelkDataBase_Set_TAG(0x9F9303, 1, &kFirstGacTorn);
             VelkCless_Set_CommunicationProblemIndicator(1);
             VelkCless_SetTransactionStep(0x3000);
-        } else {
-            VelkCless_Communication_Errors_PaymentTransactionNotCompleted();
-            VelkCless_SetTransactionStep(0);
+            return 0;
         }
-        return 0;
+        return velk::EndCommunicationError();
     }
-    if (rc == 0x30101) {
-        VelkCless_Transaction_Cancellation_by_Contactless_Reader();
-        VelkCless_SetTransactionStep(0);
-        return 0x30101;
-    }
+    if (rc == 0x30101) return velk::EndStopped();
     if (rc != 0) {
         VelkCless_Transaction_FinalOutcome_EndApplication();
         VelkCless_SetTransactionStep(0);
         return rc;
     }
     VELK_GLOBALVALUE_STRUCT *g = pgbVelkGlobalValue;
-    if (!velk::StatusIs9000(g->ucLastRAPDU, g->uiLastRAPDULen)) return CompletedOnError();
+    if (!velk::StatusIs9000(g->ucLastRAPDU, g->uiLastRAPDULen)) return velk::EndOnError();
     return VelkCless_Anglyse_Generate_AC_1st_Response(g->ucLastRAPDU, g->uiLastRAPDULen);
 }
 

@@ -16,11 +16,7 @@ uint32_t VelkCless_Anglyse_Generate_AC_2nd_Response(uint8_t *pR_APDU, uint32_t u
     if (uiR_APDULen < 3 || pR_APDU[0] != 0x77) return 0x35001;
 
     velk::GacObjects r{};
-    if (!velk::StoreGacResponse(pR_APDU, uiR_APDULen - 2, &r)) {
-        VelkCless_Transaction_Completed_on_Error();
-        VelkCless_SetTransactionStep(0);
-        return 0;
-    }
+    if (!velk::StoreGacResponse(pR_APDU, uiR_APDULen - 2, &r)) return velk::EndOnError();
     return (r.cid && r.atc && r.ac && r.iad) ? 0 : 0x35002;
 }
 

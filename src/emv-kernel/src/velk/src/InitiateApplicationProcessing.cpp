@@ -10,6 +10,24 @@ bool StatusIs9000(const uint8_t *rapdu, uint32_t len) {
     return len >= 2 && rapdu[len - 2] == 0x90 && rapdu[len - 1] == 0x00;
 }
 
+uint32_t EndCommunicationError() {
+    VelkCless_Communication_Errors_PaymentTransactionNotCompleted();
+    VelkCless_SetTransactionStep(0);
+    return 0;
+}
+
+uint32_t EndStopped() {
+    VelkCless_Transaction_Cancellation_by_Contactless_Reader();
+    VelkCless_SetTransactionStep(0);
+    return 0x30101;
+}
+
+uint32_t EndOnError() {
+    VelkCless_Transaction_Completed_on_Error();
+    VelkCless_SetTransactionStep(0);
+    return 0;
+}
+
 uint32_t DeclaredLen(const uint8_t *p, uint32_t n) {
     // The codec reads a header of up to 4 tag bytes and 4 length bytes; it
     // reads it here from a zero-filled copy so that a header cut short by the
@@ -248,24 +266,14 @@ uint32_t VelkCless_Initiate_Application_Processing(uint8_t *pInOutData, uint32_t
     apdu[4] = static_cast<uint8_t>(wrapped & 0xFF);
     uint32_t rlen = kWorkLen;
     const uint32_t rc = VelkCless_ExchangeAPDU(apdu, wrapped + 6, apdu, &rlen);
-    if (rc == 0x30103) {
-        VelkCless_Communication_Errors_PaymentTransactionNotCompleted();
-        VelkCless_SetTransactionStep(0);
-        return 0;
-    }
-    if (rc == 0x30101) {
-        VelkCless_Transaction_Cancellation_by_Contactless_Reader();
-        VelkCless_SetTransactionStep(0);
-        return 0x30101;
-    }
+    if (rc == 0x30103) return velk::EndCommunicationError();
+    if (rc == 0x30101) return velk::EndStopped();
     if (rc != 0) {
         VelkCless_Transaction_FinalOutcome_EndApplication();
         return rc;
     }
-    if (!velk::StatusIs9000(apdu, rlen) || VelkCless_GPO_Response_Process(apdu, rlen - 2) != 0) {
-        VelkCless_Transaction_Completed_on_Error();
-        VelkCless_SetTransactionStep(0);
-    }
+    if (!velk::StatusIs9000(apdu, rlen) || VelkCless_GPO_Response_Process(apdu, rlen - 2) != 0)
+        return velk::EndOnError();
     return 0;
 }
 

@@ -197,11 +197,7 @@ uint32_t VelkCless_Processing_Restrictions(uint8_t *pInOutData, uint32_t *pInOut
         VelkCless_SetTransactionStep(0);
         return rc;
     }
-    if (VelkCless_Application_Date_Check() != 0) {
-        VelkCless_Transaction_Completed_on_Error();
-        VelkCless_SetTransactionStep(0);
-        return 0;
-    }
+    if (VelkCless_Application_Date_Check() != 0) return velk::EndOnError();
     VelkCless_SetTransactionStep(0x1800);
     return 0;
 }

@@ -193,27 +193,11 @@ uint32_t VelkCless_Read_Complete(uint8_t *pInOutData, uint32_t *pInOutDatalen) {
 
 uint32_t VelkCless_ReadApplicationData(uint8_t *pInOutData, uint32_t *pInOutDatalen) {
     const uint32_t rc = VelkCless_Read_Record(pInOutData, pInOutDatalen);
-    if (rc == 0) {
-        if (VelkCless_VerifyMandatoryDataElement_InKernelTransDatabase() != 0) {
-            VelkCless_Transaction_Completed_on_Error();
-            VelkCless_SetTransactionStep(0);
-        } else {
-            VelkCless_SetTransactionStep(0x1610);
-        }
-        return 0;
-    }
-    if (rc == 0x30103) {
-        VelkCless_Communication_Errors_PaymentTransactionNotCompleted();
-        VelkCless_SetTransactionStep(0);
-        return 0;
-    }
-    if (rc == 0x30101) {
-        VelkCless_Transaction_Cancellation_by_Contactless_Reader();
-        VelkCless_SetTransactionStep(0);
-        return 0x30101;
-    }
-    VelkCless_Transaction_Completed_on_Error();
-    VelkCless_SetTransactionStep(0);
+    if (rc == 0x30103) return velk::EndCommunicationError();
+    if (rc == 0x30101) return velk::EndStopped();
+    if (rc != 0 || VelkCless_VerifyMandatoryDataElement_InKernelTransDatabase() != 0)
+        return velk::EndOnError();
+    VelkCless_SetTransactionStep(0x1610);
     return 0;
 }
 

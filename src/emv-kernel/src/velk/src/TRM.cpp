@@ -81,7 +81,8 @@ uint32_t VelkCless_Terminal_Exception_File_Check(void) {
     if (velk::MsgCall() != 0) return 0;
     uint8_t *reply = velk::MsgReply();
     uint8_t *listed = velk::FindInSequence(reply, TLV_GetTlvTotalLen(reply), 0xDF05);
-    if (listed == nullptr || TLV_GetLen(listed) == 0 || velk::ElementValue(listed)[0] == 0) return 0;
+    if (listed == nullptr || TLV_GetLen(listed) == 0 || velk::ElementValue(listed)[0] == 0)
+        return 0;
     G().ucTVR[0] |= kTvr1ExceptionFile;
     VelkCless_Set_Terminal_Transaction_Result(0);
     return kListedOnExceptionFile;
@@ -188,16 +189,8 @@ uint32_t VelkCless_TRM_Process(void) {
         return rc;
     }
     rc = VelkCelss_TRM_CheckVelocity();
-    if (rc == 0x30102 || rc == 0x30103) {
-        VelkCless_Communication_Errors_PaymentTransactionNotCompleted();
-        VelkCless_SetTransactionStep(0);
-        return 0;
-    }
-    if (rc == 0x30101) {
-        VelkCless_Transaction_Cancellation_by_Contactless_Reader();
-        VelkCless_SetTransactionStep(0);
-        return 0x30101;
-    }
+    if (rc == 0x30102 || rc == 0x30103) return velk::EndCommunicationError();
+    if (rc == 0x30101) return velk::EndStopped();
     VelkCless_SetTransactionStep(0x2000);
     return 0;
 }
