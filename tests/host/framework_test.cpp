@@ -52,7 +52,9 @@ TEST(Framework, RsaRefusesNullBuffersWithoutWriting) {
     Bytes out(n.size(), 0x55);
     EXPECT_NE(Alg().opt_rsa_encrypt(n.data(), 2, e.data(), 1, nullptr, 1, out.data()), 0);
     EXPECT_EQ(out, Bytes(n.size(), 0));
+    out.assign(n.size(), 0x55);
     EXPECT_NE(Alg().opt_rsa_encrypt(nullptr, 2, e.data(), 1, n.data(), 1, out.data()), 0);
+    EXPECT_EQ(out, Bytes(n.size(), 0));
     EXPECT_NE(Alg().opt_rsa_encrypt(n.data(), 2, e.data(), 1, n.data(), 1, nullptr), 0);
 }
 

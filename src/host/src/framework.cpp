@@ -54,14 +54,13 @@ int Result(bool ok) {
 
 int RsaFn(const uint8_t *n, uint32_t nLen, const uint8_t *exp, uint32_t expLen, const uint8_t *in,
           uint32_t inLen, uint8_t *out, bool secret) {
-    if (out == nullptr || n == nullptr || nLen == 0) return kFailed;
-    const std::span<uint8_t> result(out, nLen);
+    if (out == nullptr) return kFailed;
     const auto modulus = In(n, nLen), exponent = In(exp, expLen), input = In(in, inLen);
-    if (!exponent || !input) {
+    if (!modulus || !exponent || !input) {
         std::memset(out, 0, nLen);
         return kFailed;
     }
-    return Result(crypto::RsaRaw(*modulus, *exponent, *input, result, secret));
+    return Result(crypto::RsaRaw(*modulus, *exponent, *input, {out, nLen}, secret));
 }
 int RsaPublicFn(const uint8_t *n, uint32_t nLen, const uint8_t *e, uint32_t eLen, const uint8_t *in,
                 uint32_t inLen, uint8_t *out) {
