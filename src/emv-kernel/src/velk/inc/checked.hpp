@@ -99,8 +99,9 @@ uint32_t AddTagUpdateChecked(uint8_t *parent, uint32_t cap, uint32_t tag, const 
 uint32_t DelChild(uint8_t *parent, uint8_t *child);
 
 // Total length of the element at p when its header and its whole tree lie
-// within n bytes and are well formed (TLV_Check_Format over that length);
-// 0 otherwise. Use it before walking bytes whose length is not trusted.
+// within n bytes and are well formed (TLV_Check_Format's walk over that
+// length, the first byte taken as the tag even when it is FF); 0 otherwise.
+// Use it before walking bytes whose length is not trusted.
 uint32_t WellFormedLen(const uint8_t *p, uint32_t n);
 
 // Depth-first search like TLV_FindTag, over a sequence of top-level elements

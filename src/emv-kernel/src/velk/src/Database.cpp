@@ -12,10 +12,10 @@
 
 // ==== The tag property table =================================================
 //
-// One row per tag, in the order the kernel's documentation lists them, so
-// that the two can be read side by side: tag, property bits (source, mandatory,
-// single/multiple), EMV format, minimum and maximum value length (999: no
-// practical upper bound; 0: any length).
+// One row per tag and per line, sorted by tag as the kernel's reference table
+// is, so that the two can be read side by side: tag, property bits (source,
+// mandatory, single/multiple), EMV format, minimum and maximum value length
+// (999: no practical upper bound; 0: any length).
 
 // clang-format off
 constexpr TAGPRPPERITY gbTagPropreity[] = {
@@ -193,7 +193,7 @@ uint8_t *ValueOf(uint8_t *element, uint32_t *len) {
     return element + Get_TagAndLen_Ex(element, &tag, len);
 }
 
-// The two setters. Capacity: the design's test uiLen + uiUseBuflen + 8 <=
+// The two setters. Capacity: the test uiLen + uiUseBuflen + 8 <=
 // 8192, and on top of it velk::AddTagChecked on the 8192-byte area: the 7F01
 // element never passes 8192 bytes, even when its own length field grows (the
 // 8 reserved bytes count the new element's header only, and uiUseBuflen may
@@ -202,7 +202,7 @@ uint8_t *ValueOf(uint8_t *element, uint32_t *len) {
 // A value of another length replaces the old one at the end of the database.
 // The new element is appended before the old one is removed, so that a value
 // handed in from the database itself (an OBJECT_TAG's pValue) is copied
-// before anything moves; the outcome is the design's delete-then-append, and
+// before anything moves; the outcome is that of delete-then-append, and
 // the capacity test is the same (uiUseBuflen is not lowered by the delete).
 // On 0x31003 the old element is removed all the same.
 uint32_t Store(uint32_t tag, uint32_t len, const uint8_t *value, uint32_t sameLengthResult) {

@@ -19,8 +19,8 @@
 //   its header is read as it stands and its declared length is the bound of
 //   the walk.
 //
-// The decoders and the builders keep the design's unbounded behaviour: they
-// take no length, the callers know their bytes.
+// The decoders and the builders stay unbounded: they take no length, their
+// callers know their bytes.
 #include "tlv.h"
 
 #include <stddef.h>
@@ -106,7 +106,7 @@ struct Header {
     uint32_t total() const { return tagLen + lenLen + len; }
 };
 
-// The design's decoding, on trusted bytes.
+// The codec's decoding, on trusted bytes.
 Header Decode(const uint8_t *p) {
     Header h;
     h.tagLen = TagAt(p, kUnbounded, &h.tag);
@@ -680,11 +680,13 @@ uint32_t DelChild(uint8_t *parent, uint8_t *child) {
     return RemoveAt(parent, h, at, c.total());
 }
 
+// The check is TLV_Check_Format's walk except at the element's first byte,
+// which is its tag and not padding: TLV_Check_Format would skip the FF of an
+// FF8105 there and refuse the element.
 uint32_t WellFormedLen(const uint8_t *p, uint32_t n) {
     Header h;
     if (p == nullptr || !Element(p, n, h)) return 0;
-    const uint32_t total = h.total();
-    return TLV_Check_Format(p, &total) ? total : 0;
+    return Parse_TLV_buffer(p, h.total()) ? h.total() : 0;
 }
 
 // Padding is skipped before every element, the first one included (as
