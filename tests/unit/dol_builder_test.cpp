@@ -78,7 +78,7 @@ TEST_F(DolBuilder, SkipsPaddingBetweenEntriesAndConcatenatesValues) {
     EXPECT_EQ(Build("00 9F0206 FF FF 9F1A02 00"), "0000000001000826");
 }
 
-TEST_F(DolBuilder, PdolOfTheDesignExample) {
+TEST_F(DolBuilder, PdolAskingAnAbsentTagAndTheAmount) {
     Put(0x9F02, "000000012345");
     EXPECT_EQ(Build("9F6604 9F0206"), "00000000000000012345");
 }
