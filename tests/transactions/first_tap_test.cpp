@@ -554,6 +554,7 @@ TEST(FirstTap, OnlineRequest) {
     const TapResult r = tap.Run(host);
     EXPECT_EQ(ToHex(r.ops), kOnlineRequest);
     EXPECT_EQ(Db(0x8A), "absent");
+    ASSERT_FALSE(r.steps.empty());
     EXPECT_EQ(r.steps.back(), 0x2900u);
 }
 
@@ -576,6 +577,7 @@ TEST(FirstTap, LongTapKeepsTheCardInTheField) {
     tap.card.cid = "80";
     const TapResult r = tap.Run(host);
     // The long tap's own step is built elsewhere; here the tap has chosen it.
+    ASSERT_FALSE(r.steps.empty());
     EXPECT_EQ(r.steps.back(), 0x2210u);
     EXPECT_FALSE(CardReadShown(host));
     EXPECT_EQ(ToHex(r.ops), kNoOutcome);
@@ -591,6 +593,7 @@ TEST(FirstTap, OnlineTapShowsCardReadAndChoosesItsStep) {
     tap.card.cid = "80";
     tap.card.gacExtra = {T(0xC5, "08")};
     const TapResult r = tap.Run(host);
+    ASSERT_FALSE(r.steps.empty());
     EXPECT_EQ(r.steps.back(), 0x2220u);
     EXPECT_TRUE(CardReadShown(host));
     EXPECT_EQ(Db(0x9F9316), "08");
