@@ -62,6 +62,14 @@ INSTANTIATE_TEST_SUITE_P(
                    29, 0, true},  // R = 30
         RandomCase{"InterpolatedNotSelected", "10", "50", "000000001000", "000007D0",
                    "000000001500", 30, 0, false},  // R = 31
+        // the product (M-P)(A-T) is kept in 32 bits: 99 * 50,000,000 wraps to
+        // 655,032,704, and / 60,000,000 gives Q = 10 (82 without the wrap).
+        // The 8-bit cuts of quotient and sum cannot change a result: with
+        // A < F the quotient stays below M - P.
+        RandomCase{"ProductWrapsSelected", "00", "99", "000000000000", "03938700", "000050000000",
+                   9, 0, true},  // R = 10
+        RandomCase{"ProductWrapsNotSelected", "00", "99", "000000000000", "03938700",
+                   "000050000000", 10, 0, false},  // R = 11
         // amount equal to the threshold interpolates with A - T = 0: Q = P
         RandomCase{"AmountAtThresholdUsesP", "10", "50", "000000001000", "000007D0", "000000001000",
                    9, 0, true},
