@@ -5,6 +5,7 @@
 // reader at each moment, and where the host may put BF70 and BF71.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -25,17 +26,30 @@ constexpr char kApprovedWithData[] = "10F0F0F0B0F0FF00";
 constexpr char kDeclinedBeforeRecordsWithData[] = "20F0F0F090F0FF00";
 constexpr char kCommunicationError[] = "7010F0F0C0F01300";
 
+// The card's part around the standard tap's exchanges, and where the card
+// script ends: after `exchanges` exchanges, or with the whole tap.
+constexpr size_t kWholeTap = SIZE_MAX;
+struct Moments {
+    std::vector<CardExchange> beforeGpo, afterGpo, afterGac;
+    size_t exchanges = kWholeTap;
+};
+// Only exchanges before GPO, where the transaction ends.
+Moments BeforeGpo(const std::vector<CardExchange> &card) {
+    return {card, {}, {}, card.size()};
+}
+
 // A tap of type `type` whose reader has the options and answers D1 with the
-// templates; the card script ends after the exchanges before GPO unless the
-// test lets the tap go on.
+// templates.
 FirstTap Tap(std::string type, std::string options, std::vector<Bytes> templates,
-             std::vector<CardExchange> beforeGpo, bool untilGpo = true) {
+             const Moments &m) {
     FirstTap tap;
     tap.purchase.type = std::move(type);
     tap.reader.options = std::move(options);
     tap.reader.extra = std::move(templates);
-    tap.beforeGpo = std::move(beforeGpo);
-    if (untilGpo) tap.endAfter = tap.beforeGpo.size();
+    tap.beforeGpo = m.beforeGpo;
+    tap.afterGpo = m.afterGpo;
+    tap.afterGac = m.afterGac;
+    if (m.exchanges != kWholeTap) tap.endAfter = m.exchanges;
     return tap;
 }
 
@@ -47,12 +61,27 @@ struct Expect {
 };
 
 void Check(ScriptedHost &host, const TapResult &r, const Expect &e) {
+    SCOPED_TRACE(ToHex(r.out));
     EXPECT_EQ(r.status, e.status);
     EXPECT_EQ(ToHex(r.ops), e.ops);
     const OutcomePacket p(r.out);
     EXPECT_EQ(Discretionary(p, 0x9F71), e.result9F71);
     EXPECT_EQ(Discretionary(p, 0x9F74), e.result9F74);
     EXPECT_TRUE(host.CardDone());
+}
+
+// A non-financial transaction that ends before GPO: the outcome announces
+// discretionary data exactly when there is a result.
+void RunNonFinancial(const std::string &type, const std::string &options, const Bytes &templ,
+                     const std::vector<CardExchange> &card, const std::string &result9F71,
+                     const std::string &result9F74) {
+    ScriptedHost host;
+    const TapResult r = Tap(type, options, {templ}, BeforeGpo(card)).Run(host);
+    const bool any = result9F71 != "absent" || result9F74 != "absent";
+    Check(host, r, {0, any ? kCompletedWithData : kCompleted, result9F71, result9F74});
+    const OutcomePacket p(r.out);
+    ASSERT_TRUE(p.uird);
+    EXPECT_EQ(ToHex({p.uird->data(), 2}), "1004");
 }
 
 // ---- Retrieval transactions ------------------------------------------------------------
@@ -119,23 +148,14 @@ class Retrieval : public ::testing::TestWithParam<RetrievalCase> {};
 
 TEST_P(Retrieval, ReadsTheGddolIntoTheDiscretionaryData) {
     const RetrievalCase &c = GetParam();
-    ScriptedHost host;
-    const TapResult r = Tap("78", "80", {Bf71(c.gddol)}, c.card).Run(host);
-    const bool any = c.result != "absent";
-    Check(host, r, {0, any ? kCompletedWithData : kCompleted, c.result, "absent"});
-    const OutcomePacket p(r.out);
-    ASSERT_TRUE(p.uird);
-    EXPECT_EQ(ToHex({p.uird->data(), 2}), "1004");
+    RunNonFinancial("78", "80", Bf71(c.gddol), c.card, c.result, "absent");
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, Retrieval, ::testing::ValuesIn(RetrievalCases()),
                          [](const auto &info) { return std::string(info.param.name); });
 
 TEST(Retrieval, WithoutItsOptionCompletesAtOnceWithoutTheCard) {
-    ScriptedHost host;
-    const TapResult r = Tap("78", "00", {Bf71("9F3602")}, {}).Run(host);
-    Check(host, r, {0, kCompleted, "absent", "absent"});
-    EXPECT_TRUE(host.capdus.empty());
+    RunNonFinancial("78", "00", Bf71("9F3602"), {}, "absent", "absent");
 }
 
 // ---- Update transactions -----------------------------------------------------------------
@@ -187,10 +207,7 @@ class Update : public ::testing::TestWithParam<UpdateCase> {};
 
 TEST_P(Update, WritesTheA2EntriesBeforeGpo) {
     const UpdateCase &c = GetParam();
-    ScriptedHost host;
-    const TapResult r = Tap("79", "40", {Bf70(c.entries)}, c.card).Run(host);
-    const bool any = c.result != "absent";
-    Check(host, r, {0, any ? kCompletedWithData : kCompleted, "absent", c.result});
+    RunNonFinancial("79", "40", Bf70(c.entries), c.card, "absent", c.result);
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, Update, ::testing::ValuesIn(UpdateCases()),
@@ -200,43 +217,39 @@ INSTANTIATE_TEST_SUITE_P(Cases, Update, ::testing::ValuesIn(UpdateCases()),
 TEST(Update, CountsAcrossTheMomentsAndStopsAfterAFailure) {
     struct Case {
         std::vector<Bytes> entries;
-        std::vector<CardExchange> beforeGpo, afterGpo;
+        Moments card;
         std::string result;
     };
+    // clang-format off
     const std::vector<Case> cases = {
         {{Entry(0xA2, "9F4F0101"), Entry(0xA2, "9F4F0102"), Entry(0xA3, "9F4F0103")},
-         {Answer9000("00DA9F4F0101"), Answer9000("00DA9F4F0102")},
-         {Respond(FromHex("00DA9F4F0103"), FromHex("6A80"))},
-         "0102"},
+         {{Answer9000("00DA9F4F0101"), Answer9000("00DA9F4F0102")},
+          {Respond(FromHex("00DA9F4F0103"), FromHex("6A80"))}, {}, 4}, "0102"},
         // A failure without the stop bit: GPO, but nothing more is written.
         {{Entry(0xA2, "9F4F0101"), Entry(0xA3, "9F4F0103")},
-         {Respond(FromHex("00DA9F4F0101"), FromHex("6985"))},
-         {},
-         "0100"},
-        {{Entry(0xA3, "9F4F0103")}, {}, {Answer9000("00DA9F4F0103")}, "0201"},
+         {{Respond(FromHex("00DA9F4F0101"), FromHex("6985"))}, {}, {}, 2}, "0100"},
+        {{Entry(0xA3, "9F4F0103")}, {{}, {Answer9000("00DA9F4F0103")}, {}, 2}, "0201"},
     };
+    // clang-format on
     for (const Case &c : cases) {
         ScriptedHost host;
-        FirstTap tap = Tap("79", "40", {Bf70(c.entries)}, c.beforeGpo, false);
-        tap.afterGpo = c.afterGpo;
-        tap.endAfter = c.beforeGpo.size() + 1 + c.afterGpo.size();
-        Check(host, tap.Run(host), {0, kCompletedWithData, "absent", c.result});
+        Check(host, Tap("79", "40", {Bf70(c.entries)}, c.card).Run(host),
+              {0, kCompletedWithData, "absent", c.result});
     }
 }
 
 // ---- Payments ----------------------------------------------------------------------------
 
 TEST(Payment, RetrievesAndUpdatesAroundGpoAndGenerateAc) {
-    ScriptedHost host;
-    FirstTap tap =
-        Tap("00", "C0",
-            {Bf71("9F3602"), Bf70({Entry(0xA4, "9F4F0104", 0x80), Entry(0xA2, "9F4F0102"),
-                                   Entry(0xA3, "9F4F0103"), Entry(0xA4, "9F4F0105", 0x20)})},
-            {Respond(GetData(0x9F36), kAtc), Answer9000("00DA9F4F0102")}, false);
-    tap.afterGpo = {Answer9000("00DA9F4F0103")};
     // The A4 conditions test 9F74's first byte (02): 0x20 is left out, 0x80 not.
-    tap.afterGac = {Answer9000("00DA9F4F0104")};
-    const TapResult r = tap.Run(host);
+    const std::vector<Bytes> templates = {
+        Bf71("9F3602"), Bf70({Entry(0xA4, "9F4F0104", 0x80), Entry(0xA2, "9F4F0102"),
+                              Entry(0xA3, "9F4F0103"), Entry(0xA4, "9F4F0105", 0x20)})};
+    const Moments card{{Respond(GetData(0x9F36), kAtc), Answer9000("00DA9F4F0102")},
+                       {Answer9000("00DA9F4F0103")},
+                       {Answer9000("00DA9F4F0104")}};
+    ScriptedHost host;
+    const TapResult r = Tap("00", "C0", templates, card).Run(host);
     Check(host, r, {0, kApprovedWithData, "9F36020001", "0203"});
     EXPECT_EQ(ToHex(OutcomePacket(r.out).discretionary->value), "9F71059F360200019F74020203");
 }
@@ -245,61 +258,33 @@ TEST(Payment, EndingsOfTheUpdates) {
     struct Case {
         const char *name;
         std::vector<Bytes> entries;
-        std::vector<CardExchange> beforeGpo, afterGpo, afterGac;
-        size_t exchanges;  // 0: the whole tap
+        Moments card;
         std::string ops, stored9F74;
     };
+    const Bytes a2 = FromHex("00DA9F4F0101");
+    const Bytes a3 = FromHex("00DA9F4F0102");
     const Bytes refused = FromHex("6A80");
+    // clang-format off
     const std::vector<Case> cases = {
-        {"StopBitBeforeGpo",
-         {Entry(0xA2, "9F4F0101", 0x01)},
-         {Respond(FromHex("00DA9F4F0101"), refused)},
-         {},
-         {},
-         1,
-         kCompletedWithData,
-         "0100"},
-        {"StopBitAfterGpoDeclines",
-         {Entry(0xA2, "9F4F0101"), Entry(0xA3, "9F4F0102", 0x01)},
-         {Answer9000("00DA9F4F0101")},
-         {Respond(FromHex("00DA9F4F0102"), refused)},
-         {},
-         3,
-         kDeclinedBeforeRecordsWithData,
-         "0101"},
-        {"CommunicationErrorBeforeGpo",
-         {Entry(0xA2, "9F4F0101")},
-         {SignalInstead(FromHex("00DA9F4F0101"), VELK_SIGNAL_COMM_ERROR_A5)},
-         {},
-         {},
-         1,
-         kCommunicationError,
-         "0100"},
-        {"CommunicationErrorAfterGpo",
-         {Entry(0xA2, "9F4F0101"), Entry(0xA3, "9F4F0102")},
-         {Answer9000("00DA9F4F0101")},
-         {SignalInstead(FromHex("00DA9F4F0102"), VELK_SIGNAL_COMM_ERROR_A5)},
-         {},
-         3,
-         kCommunicationError,
-         "0201"},
+        {"StopBitBeforeGpo", {Entry(0xA2, "9F4F0101", 0x01)},
+         BeforeGpo({Respond(a2, refused)}), kCompletedWithData, "0100"},
+        {"StopBitAfterGpoDeclines", {Entry(0xA2, "9F4F0101"), Entry(0xA3, "9F4F0102", 0x01)},
+         {{Respond(a2, FromHex("9000"))}, {Respond(a3, refused)}, {}, 3},
+         kDeclinedBeforeRecordsWithData, "0101"},
+        {"CommunicationErrorBeforeGpo", {Entry(0xA2, "9F4F0101")},
+         BeforeGpo({SignalInstead(a2, VELK_SIGNAL_COMM_ERROR_A5)}), kCommunicationError, "0100"},
+        {"CommunicationErrorAfterGpo", {Entry(0xA2, "9F4F0101"), Entry(0xA3, "9F4F0102")},
+         {{Respond(a2, FromHex("9000"))}, {SignalInstead(a3, VELK_SIGNAL_COMM_ERROR_A5)}, {}, 3},
+         kCommunicationError, "0201"},
         {"CommunicationErrorAfterGenerateAcOnlyStopsTheEntries",
          {Entry(0xA4, "9F4F0101"), Entry(0xA4, "9F4F0102")},
-         {},
-         {},
-         {SignalInstead(FromHex("00DA9F4F0101"), VELK_SIGNAL_COMM_ERROR_A6)},
-         0,
-         kApprovedWithData,
-         "0100"},
+         {{}, {}, {SignalInstead(a2, VELK_SIGNAL_COMM_ERROR_A6)}}, kApprovedWithData, "0100"},
     };
+    // clang-format on
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         ScriptedHost host;
-        FirstTap tap = Tap("00", "40", {Bf70(c.entries)}, c.beforeGpo, false);
-        tap.afterGpo = c.afterGpo;
-        tap.afterGac = c.afterGac;
-        if (c.exchanges != 0) tap.endAfter = c.exchanges;
-        const TapResult r = tap.Run(host);
+        const TapResult r = Tap("00", "40", {Bf70(c.entries)}, c.card).Run(host);
         EXPECT_EQ(r.status, 0u);
         EXPECT_EQ(ToHex(r.ops), c.ops);
         EXPECT_EQ(DbHex(0x9F74), c.stored9F74);
@@ -310,36 +295,26 @@ TEST(Payment, EndingsOfTheUpdates) {
 // ---- Cancellation by the reader ----------------------------------------------------------
 
 TEST(Cancellation, DuringEachExchangeEndsTheTransaction) {
-    const Bytes put = FromHex("00DA9F4F0101");
     struct Case {
         const char *name;
         std::string type, options;
         Bytes templ;
-        std::vector<CardExchange> beforeGpo, afterGpo, afterGac;
-        size_t exchanges;  // 0: the whole tap
+        Moments card;
     };
-    const CardExchange stop = SignalInstead(put, VELK_SIGNAL_STOP);
+    const CardExchange stop = SignalInstead(FromHex("00DA9F4F0101"), VELK_SIGNAL_STOP);
+    // clang-format off
     const std::vector<Case> cases = {
-        {"GetData",
-         "78",
-         "80",
-         Bf71("9F3602"),
-         {SignalInstead(GetData(0x9F36), VELK_SIGNAL_STOP)},
-         {},
-         {},
-         1},
-        {"PutDataBeforeGpo", "79", "40", Bf70({Entry(0xA2, "9F4F0101")}), {stop}, {}, {}, 1},
-        {"PutDataAfterGpo", "00", "40", Bf70({Entry(0xA3, "9F4F0101")}), {}, {stop}, {}, 2},
-        {"PutDataAfterGenerateAc", "00", "40", Bf70({Entry(0xA4, "9F4F0101")}), {}, {}, {stop}, 0},
+        {"GetData", "78", "80", Bf71("9F3602"),
+         BeforeGpo({SignalInstead(GetData(0x9F36), VELK_SIGNAL_STOP)})},
+        {"PutDataBeforeGpo", "79", "40", Bf70({Entry(0xA2, "9F4F0101")}), BeforeGpo({stop})},
+        {"PutDataAfterGpo", "00", "40", Bf70({Entry(0xA3, "9F4F0101")}), {{}, {stop}, {}, 2}},
+        {"PutDataAfterGenerateAc", "00", "40", Bf70({Entry(0xA4, "9F4F0101")}), {{}, {}, {stop}}},
     };
+    // clang-format on
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         ScriptedHost host;
-        FirstTap tap = Tap(c.type, c.options, {c.templ}, c.beforeGpo, false);
-        tap.afterGpo = c.afterGpo;
-        tap.afterGac = c.afterGac;
-        if (c.exchanges != 0) tap.endAfter = c.exchanges;
-        const TapResult r = tap.Run(host);
+        const TapResult r = Tap(c.type, c.options, {c.templ}, c.card).Run(host);
         EXPECT_EQ(r.status, 0x30101u);
         EXPECT_EQ(ToHex(r.ops), kCompleted);
         const OutcomePacket p(r.out);
@@ -359,8 +334,8 @@ TEST_P(Templates, ArriveInTheirNaturalShapeAndAreKeptWhole) {
     const Bytes bf71 = Bf71("9F3602");
     const Bytes bf70 = Bf70({Entry(0xA2, "9F4F0101")});
     ScriptedHost host;
-    FirstTap tap =
-        Tap("79", "C0", {}, {Respond(GetData(0x9F36), kAtc), Answer9000("00DA9F4F0101")});
+    FirstTap tap = Tap("79", "C0", {},
+                       BeforeGpo({Respond(GetData(0x9F36), kAtc), Answer9000("00DA9F4F0101")}));
     if (GetParam() == From::Input) tap.purchase.extra = {bf71, bf70};
     if (GetParam() == From::IcsReply) tap.reader.extra = {bf71, bf70};
     if (GetParam() == From::AidReply) host.aidParams = {bf71, bf70};
@@ -369,12 +344,13 @@ TEST_P(Templates, ArriveInTheirNaturalShapeAndAreKeptWhole) {
     EXPECT_EQ(DbHex(0xBF71), ToHex(bf71));
 }
 
+std::string PlaceName(const ::testing::TestParamInfo<From> &info) {
+    static const char *const kNames[] = {"Input", "IcsReply", "AidReply"};
+    return kNames[static_cast<int>(info.param)];
+}
+
 INSTANTIATE_TEST_SUITE_P(Places, Templates,
-                         ::testing::Values(From::Input, From::IcsReply, From::AidReply),
-                         [](const auto &info) {
-                             constexpr const char *kNames[] = {"Input", "IcsReply", "AidReply"};
-                             return std::string(kNames[static_cast<int>(info.param)]);
-                         });
+                         ::testing::Values(From::Input, From::IcsReply, From::AidReply), PlaceName);
 
 }  // namespace
 }  // namespace velk::test
