@@ -48,6 +48,23 @@ TEST(UpdateAfterGenerateAc, ConditionsReadTheFirstByteOf9F74) {
     }
 }
 
+// A BF70 whose stored value is not one well-formed template with something
+// inside yields no entry: an update transaction ends with nothing to do,
+// without a command.
+TEST(UpdateBeforeGpo, AStoredValueNotInTheTemplatesShapeYieldsNoEntry) {
+    for (const char *stored : {"BF7007A2059F4F0201", "BF7005A2079F4F020101", "BF7000"}) {
+        SCOPED_TRACE(stored);
+        ScriptedHost host;
+        Put(0x9F9302, "40");
+        VelkCless_Set_TransactionType(0x79);
+        Put(0xBF70, stored);
+        EXPECT_EQ(VelkCless_Update_of_Data_Element_values_in_EEPROM(), 0u);
+        EXPECT_EQ(VelkCless_GetTransactionStep(), 0u);
+        EXPECT_EQ(Outcome(), "40F0F0F080F0FF00");
+        EXPECT_EQ(Db(0x9F74), "absent");
+    }
+}
+
 // Retrieval of type 78 with the GDDOL stored as the host hands it over.
 void Retrieve(ScriptedHost &host, const Bytes &gddol, const std::vector<CardExchange> &card) {
     Put(0x9F9302, "80");
