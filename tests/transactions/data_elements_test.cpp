@@ -12,6 +12,7 @@
 
 #include "data_elements.hpp"
 #include "first_tap.hpp"
+#include "named_case.hpp"
 #include "scripted_host.hpp"
 
 namespace velk::test {
@@ -86,58 +87,54 @@ void RunNonFinancial(const std::string &type, const std::string &options, const 
 
 // ---- Retrieval transactions ------------------------------------------------------------
 
-struct RetrievalCase {
-    const char *name;
+struct RetrievalCase : NamedCase {
     std::string gddol;
     std::vector<CardExchange> card;
     std::string result;  // 9F71, "absent"
 };
-void PrintTo(const RetrievalCase &c, std::ostream *os) {
-    *os << c.name;
-}
 
 const Bytes kAtc = FromHex("9F3602000190 00");
 
 std::vector<RetrievalCase> RetrievalCases() {
     const Bytes pan = FromHex("5A0854133300896010409000");
     return {
-        {"EachTagInOrder",
+        {{"EachTagInOrder"},
          "9F3602 5A08",
          {Respond(GetData(0x9F36), kAtc), Respond(GetData(0x5A), pan)},
          "9F360200015A085413330089601040"},
-        {"RefusedTagIsEmpty",
+        {{"RefusedTagIsEmpty"},
          "9F3602 9F4F00",
          {Respond(GetData(0x9F36), kAtc), Respond(GetData(0x9F4F), FromHex("6A88"))},
          "9F360200019F4F00"},
-        {"RepeatedTagKeepsPlaceAndLaterValue",
+        {{"RepeatedTagKeepsPlaceAndLaterValue"},
          "9F3602 5A08 9F3602",
          {Respond(GetData(0x9F36), kAtc), Respond(GetData(0x5A), pan),
           Respond(GetData(0x9F36), FromHex("9F360200029000"))},
          "9F360200025A085413330089601040"},
-        {"ResponseTagNotCompared",
+        {{"ResponseTagNotCompared"},
          "9F3602",
          {Respond(GetData(0x9F36), FromHex("9F1302AABB9000"))},
          "9F3602AABB"},
-        {"MalformedResponseIsEmpty",
+        {{"MalformedResponseIsEmpty"},
          "9F3602",
          {Respond(GetData(0x9F36), FromHex("9F360500019000"))},
          "9F3600"},
-        {"NoStatusWordIsEmpty", "9F3602", {Respond(GetData(0x9F36), FromHex("90"))}, "9F3600"},
-        {"ConstructedTagNeedsElements",
+        {{"NoStatusWordIsEmpty"}, "9F3602", {Respond(GetData(0x9F36), FromHex("90"))}, "9F3600"},
+        {{"ConstructedTagNeedsElements"},
          "BF0C05",
          {Respond(GetData(0xBF0C), FromHex("9F4D020B0A9000"))},
          "BF0C00"},
-        {"TagInsideAnElementIsLeftOut",
+        {{"TagInsideAnElementIsLeftOut"},
          "BF0C05 9F4D02",
          {Respond(GetData(0xBF0C), FromHex("BF0C059F4D020B0A9000")),
           Respond(GetData(0x9F4D), FromHex("9F4D020C0C9000"))},
          "BF0C059F4D020B0A"},
-        {"PaddingBetweenEntries", "00 9F3602", {Respond(GetData(0x9F36), kAtc)}, "9F36020001"},
-        {"ExchangeFailureKeepsWhatWasRead",
+        {{"PaddingBetweenEntries"}, "00 9F3602", {Respond(GetData(0x9F36), kAtc)}, "9F36020001"},
+        {{"ExchangeFailureKeepsWhatWasRead"},
          "9F3602 5A08 9F1302",
          {Respond(GetData(0x9F36), kAtc), SignalInstead(GetData(0x5A), VELK_SIGNAL_COMM_ERROR_A5)},
          "9F36020001"},
-        {"ResponseTooLongForItsBufferStops",
+        {{"ResponseTooLongForItsBufferStops"},
          "9F3602 5A08",
          {Respond(GetData(0x9F36), Bytes(259, 0x90))},
          "absent"},
@@ -151,8 +148,7 @@ TEST_P(Retrieval, ReadsTheGddolIntoTheDiscretionaryData) {
     RunNonFinancial("78", "80", Bf71(c.gddol), c.card, c.result, "absent");
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, Retrieval, ::testing::ValuesIn(RetrievalCases()),
-                         [](const auto &info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Cases, Retrieval, ::testing::ValuesIn(RetrievalCases()), CaseName());
 
 TEST(Retrieval, WithoutItsOptionCompletesAtOnceWithoutTheCard) {
     RunNonFinancial("78", "00", Bf71("9F3602"), {}, "absent", "absent");
@@ -160,46 +156,42 @@ TEST(Retrieval, WithoutItsOptionCompletesAtOnceWithoutTheCard) {
 
 // ---- Update transactions -----------------------------------------------------------------
 
-struct UpdateCase {
-    const char *name;
+struct UpdateCase : NamedCase {
     std::vector<Bytes> entries;
     std::vector<CardExchange> card;
     std::string result;  // 9F74
 };
-void PrintTo(const UpdateCase &c, std::ostream *os) {
-    *os << c.name;
-}
 
 std::vector<UpdateCase> UpdateCases() {
     const std::string big(2 * 300, 'E');
     return {
-        {"RefusedUpdate",
+        {{"RefusedUpdate"},
          {Entry(0xA2, "9F4F03010203", 0x01)},
          {Respond(FromHex("00DA9F4F03010203"), FromHex("6A80"))},
          "0100"},
-        {"TwoUpdatesAndNothingAfterGpo",
+        {{"TwoUpdatesAndNothingAfterGpo"},
          {Entry(0xA2, "9F4F0101"), Entry(0xA2, "5F5002AABB", 0x00)},
          {Answer9000("00DA9F4F0101"), Answer9000("00DA5F5002AABB")},
          "0202"},
-        {"StopBitEndsBeforeGpoDespiteA3",
+        {{"StopBitEndsBeforeGpoDespiteA3"},
          {Entry(0xA2, "9F4F0101", 0x01), Entry(0xA3, "9F4F0102")},
          {Respond(FromHex("00DA9F4F0101"), FromHex("6A80"))},
          "0100"},
-        {"EmptyValueGivesLcZero", {Entry(0xA2, "9F4F00")}, {Answer9000("00DA9F4F00")}, "0201"},
-        {"CommunicationErrorEndsTheUpdate",
+        {{"EmptyValueGivesLcZero"}, {Entry(0xA2, "9F4F00")}, {Answer9000("00DA9F4F00")}, "0201"},
+        {{"CommunicationErrorEndsTheUpdate"},
          {Entry(0xA2, "9F4F0101"), Entry(0xA2, "9F4F0102")},
          {SignalInstead(FromHex("00DA9F4F0101"), VELK_SIGNAL_COMM_ERROR_A6)},
          "0100"},
-        {"EntryWithoutElementIsRefused", {Entry(0xA2, "")}, {}, "0100"},
-        {"ValueOver255BytesIsRefused",
+        {{"EntryWithoutElementIsRefused"}, {Entry(0xA2, "")}, {}, "0100"},
+        {{"ValueOver255BytesIsRefused"},
          {Entry(0xA2, "9F4F820100" + big.substr(0, 512))},
          {},
          "0100"},
-        {"EntryOver300BytesIsRefusedAfterASuccess",
+        {{"EntryOver300BytesIsRefusedAfterASuccess"},
          {Entry(0xA2, "9F4F0101"), Entry(0xA2, "9F4F0101 DF01820128" + big.substr(0, 592))},
          {Answer9000("00DA9F4F0101")},
          "0101"},
-        {"EmptyTemplate", {}, {}, "absent"},
+        {{"EmptyTemplate"}, {}, {}, "absent"},
     };
 }
 
@@ -210,8 +202,7 @@ TEST_P(Update, WritesTheA2EntriesBeforeGpo) {
     RunNonFinancial("79", "40", Bf70(c.entries), c.card, "absent", c.result);
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, Update, ::testing::ValuesIn(UpdateCases()),
-                         [](const auto &info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Cases, Update, ::testing::ValuesIn(UpdateCases()), CaseName());
 
 // 9F74 over the moments of an update transaction that goes on to GPO.
 TEST(Update, CountsAcrossTheMomentsAndStopsAfterAFailure) {
