@@ -76,12 +76,12 @@ constexpr Step kSteps[] = {
     {0x2900, NoBuffer<VelkCless_Kernel_De_Activation>, 0},
 };
 
-// Runs the step machine from GPO on, as VelkCless_Start_Transaction does,
+// Runs the step machine from `from` on, as VelkCless_Start_Transaction does,
 // passing the stubs named in kSteps; then writes the outcome packet.
-uint32_t ContinueFromGpo(ScriptedHost &host, Bytes &io, uint32_t &len,
-                         std::vector<uint32_t> &steps) {
+uint32_t ContinueFrom(uint32_t from, ScriptedHost &host, Bytes &io, uint32_t &len,
+                      std::vector<uint32_t> &steps) {
     uint32_t result = 0;
-    VelkCless_SetTransactionStep(0x1300);
+    VelkCless_SetTransactionStep(from);
     while (VelkCless_GetTransactionStep() != 0) {
         const uint32_t code = VelkCless_GetTransactionStep();
         const Step *step = nullptr;
@@ -208,8 +208,9 @@ Bytes FirstTap::GacCommand() const {
 }
 
 std::vector<CardExchange> FirstTap::Script() const {
-    std::vector<CardExchange> script;
+    std::vector<CardExchange> script = beforeGpo;
     script.push_back(gpo ? *gpo : Respond(GpoCommand(), card.GpoResponse()));
+    script.insert(script.end(), afterGpo.begin(), afterGpo.end());
     if (recordExchanges) {
         script.insert(script.end(), recordExchanges->begin(), recordExchanges->end());
     } else {
@@ -241,10 +242,13 @@ TapResult FirstTap::Run(ScriptedHost &host) const {
     TapResult r;
     r.status = first.status;
     r.out = first.out;
-    if (first.status == 0 && host.g().FinalOutCome.ucStatus == 0 && host.capdus.empty()) {
+    if (first.status == 0 && host.g().FinalOutCome.ucStatus == 0) {
+        // TEMPORARY (data-elements): with the data element steps built, a tap
+        // that ends without an outcome after talking to the card stopped in
+        // the offline CAM selection stub, which passes to 0x1700.
         Bytes io(VELK_IO_BUFFER_MIN_LEN, 0);
         uint32_t len = 0;
-        r.status = ContinueFromGpo(host, io, len, r.steps);
+        r.status = ContinueFrom(host.capdus.empty() ? 0x1300 : 0x1700, host, io, len, r.steps);
         r.out.assign(io.begin(), io.begin() + len);
     }
     r.ops = OutcomePacket(r.out).ops;

@@ -122,6 +122,10 @@ struct FirstTap {
     // P1 of GENERATE AC.
     uint8_t gacP1 = 0x40;
 
+    // TEMPORARY (data-elements): exchanges before GPO (retrieval and updates)
+    // and right after the GPO response (updates after GPO).
+    std::vector<CardExchange> beforeGpo;
+    std::vector<CardExchange> afterGpo;
     // Exchanges between the records and GENERATE AC, and after it.
     std::vector<CardExchange> beforeGac;
     std::vector<CardExchange> afterGac;

@@ -136,6 +136,16 @@ uint32_t MsgCall();
 // The root of the host's reply (meaningful after MsgCall returned 0).
 uint8_t *MsgReply();
 
+// ---- Host parameters (DataElement_EEPROM_Process.cpp) -------------------------
+
+// Stores one element of the host's parameters (a child of the input's 7F11 or
+// of a D1 or D3 reply, inside a tree already checked well formed) in the
+// database: BF70 and BF71 with their whole encoding (tag, length and value)
+// as the stored value, so that the data element steps reach the update
+// entries and the GDDOL as the children of the stored value's first element;
+// every other tag with its value. The result of VelkDataBase_Set_TAG.
+uint32_t SetHostParameter(uint8_t *element);
+
 // ---- Transaction control (VelkKernel_Process.cpp) ----------------------------
 
 // The constructed 7F11 of the transaction input (len bytes at input); null
