@@ -619,5 +619,19 @@ INSTANTIATE_TEST_SUITE_P(
         Checking{"NothingSelected", 0, "40", 0, false, "40", "0000000000"}),
     [](const auto &info) { return std::string(info.param.name); });
 
+// An authentication-only transaction type marks a failed SDA in the TVR even
+// where the reader does not run the authentication-only flow; the CID stays.
+TEST_F(Signatures, SdaFailureInAnAuthenticationTypeOutsideTheFlow) {
+    host.g().ucTransationType = 0x00;
+    Put(0x9F9301, "0000000061");
+    Put(0x9F9302, "10");
+    Put(0x9F9309, "00");
+    Put(0x9F27, "40");
+    VelkCless_Set_Offline_CAM_Selected_Indicator(1);
+    EXPECT_EQ(VelkCless_ODA_CAM_Checking(), 0u);
+    EXPECT_EQ(Db(0x9F27), "40");
+    EXPECT_EQ(Tvr(), "4000000000");
+}
+
 }  // namespace
 }  // namespace velk::test
