@@ -17,13 +17,6 @@ namespace {
 
 constexpr size_t kHashLen = 20;
 
-Bytes Constructed(uint32_t tag, const std::vector<Bytes> &children) {
-    Bytes value;
-    for (const Bytes &child : children)
-        value.insert(value.end(), child.begin(), child.end());
-    return Tlv(tag, value);
-}
-
 std::optional<Bytes> PayloadValue(const Message &msg, uint32_t tag) {
     for (const TlvNode &node : ParseTlv(msg.payload, false))
         if (node.tag == tag) return node.value;
@@ -45,9 +38,10 @@ std::string SetBit(const std::string &hex, size_t index, uint8_t bit) {
     return ToHex(bytes);
 }
 
-// The data objects of a record with the test's replacements and removals.
-std::vector<Bytes> Edited(std::vector<std::pair<uint32_t, Bytes>> objects,
-                          const std::map<uint32_t, std::optional<Bytes>> &edits) {
+// A template of data objects, each (tag, value), with the test's
+// replacements and removals.
+Bytes Template(uint32_t tag, std::vector<std::pair<uint32_t, Bytes>> objects,
+               const std::map<uint32_t, std::optional<Bytes>> &edits) {
     for (const auto &[tag, value] : edits) {
         const auto it = std::find_if(objects.begin(), objects.end(),
                                      [tag = tag](const auto &o) { return o.first == tag; });
@@ -59,10 +53,12 @@ std::vector<Bytes> Edited(std::vector<std::pair<uint32_t, Bytes>> objects,
             objects.emplace_back(tag, *value);
         }
     }
-    std::vector<Bytes> encoded;
-    for (const auto &[tag, value] : objects)
-        encoded.push_back(Tlv(tag, value));
-    return encoded;
+    Bytes value;
+    for (const auto &[objectTag, objectValue] : objects) {
+        const Bytes encoded = Tlv(objectTag, objectValue);
+        value.insert(value.end(), encoded.begin(), encoded.end());
+    }
+    return Tlv(tag, value);
 }
 
 uint8_t AipBit(Cam cam) {
@@ -164,8 +160,8 @@ void OdaCard::ApplyTo(FirstTap &tap) const {
         const bool inKeys = tag == 0x8F || tag == 0x90 || tag == 0x92 || tag == 0x9F32;
         (inKeys ? keyEdits : signatureEdits)[tag] = value;
     }
-    records.push_back(Constructed(0x70, Edited(keys, keyEdits)));
-    records.push_back(Constructed(0x70, Edited(signatures, signatureEdits)));
+    records.push_back(Template(0x70, keys, keyEdits));
+    records.push_back(Template(0x70, signatures, signatureEdits));
     card.records = records;
     const std::string count = ToHex(Bytes{static_cast<uint8_t>(signedRecords.size())});
     card.afl = "0801" + count + count + "10010200";
@@ -183,13 +179,13 @@ void OdaCard::ApplyTo(FirstTap &tap) const {
     }
     if (cam == Cam::Cda) {
         tap.gacP1 |= 0x10;
-        std::vector<Bytes> objects = {Tlv(0x9F27, FromHex(card.cid)),
-                                      Tlv(0x9F36, FromHex(card.atc)),
-                                      Tlv(0x9F10, FromHex(card.iad))};
-        objects.insert(objects.end(), card.gacExtra.begin(), card.gacExtra.end());
-        Bytes gacData;
-        for (const Bytes &o : objects)
-            gacData.insert(gacData.end(), o.begin(), o.end());
+        std::vector<std::pair<uint32_t, Bytes>> objects = {
+            {0x9F27, FromHex(card.cid)}, {0x9F36, FromHex(card.atc)}, {0x9F10, FromHex(card.iad)}};
+        for (const Bytes &extra : card.gacExtra) {
+            const TlvNode node = ParseTlv(extra, false).at(0);
+            objects.emplace_back(node.tag, node.value);
+        }
+        const Bytes gacData = pki::GacDataWithoutSdad(Template(0x77, objects, {}));
         Bytes cdol1Data = DolData(card.cdol1, values);
         if (alterTransactionData) cdol1Data.back() ^= 0x01;
         pki::CdaRequest request;
@@ -202,8 +198,8 @@ void OdaCard::ApplyTo(FirstTap &tap) const {
         request.gac_data = gacData;
         made.sdad = pki::SignCdaData(b, *icc, request);
         // The signature stands between the ATC and the IAD.
-        objects.insert(objects.begin() + 2, Tlv(0x9F4B, made.sdad));
-        tap.gac = Respond(tap.GacCommand(), With9000(Constructed(0x77, objects)));
+        objects.insert(objects.begin() + 2, {0x9F4B, made.sdad});
+        tap.gac = Respond(tap.GacCommand(), With9000(Template(0x77, objects, {})));
     }
 }
 

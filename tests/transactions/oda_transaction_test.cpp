@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "baseKernel.h"
+#include "db_access.hpp"
 #include "first_tap.hpp"
 #include "oda_card.hpp"
 #include "scripted_host.hpp"
@@ -39,12 +40,6 @@ constexpr char kRevocationRequest[] =
     "8F0192"
     "DF810803000001";
 
-std::string Db(uint32_t tag) {
-    OBJECT_TAG obj{};
-    if (VelkDataBase_GetTagValue(tag, &obj) != 0) return "absent";
-    return ToHex({obj.pValue, obj.uiLength});
-}
-
 std::string RecordValue(const OutcomePacket &p, uint32_t tag) {
     if (!p.record) return "no record";
     const velk::host::TlvNode *n = velk::host::Find(*p.record, tag);
@@ -73,6 +68,15 @@ struct OdaTap {
     }
     TapResult Run(ScriptedHost &host) {
         oda.ApplyTo(tap);
+        directory.Install(host);
+        return tap.Run(host);
+    }
+    // For a card on which the method is not selected: the standard GENERATE
+    // AC, without a signature, with this reference control parameter.
+    TapResult RunUnselected(ScriptedHost &host, uint8_t p1) {
+        oda.ApplyTo(tap);
+        tap.gacP1 = p1;
+        tap.gac = Respond(tap.GacCommand(), tap.card.GacResponse());
         directory.Install(host);
         return tap.Run(host);
     }
@@ -288,11 +292,7 @@ TEST(OdaTransaction, NoCaKeyForTheIndexFailsCdaAtSelection) {
     t.tap.reader.tacDenial = "0400000000";
     t.tap.tvr = "0400000000";
     t.tap.card.cid = "00";
-    t.oda.ApplyTo(t.tap);
-    t.tap.gacP1 = 0x00;
-    t.tap.gac = Respond(t.tap.GacCommand(), t.tap.card.GacResponse());
-    t.directory.Install(host);
-    const TapResult r = t.tap.Run(host);
+    const TapResult r = t.RunUnselected(host, 0x00);
     EXPECT_EQ(ToHex(r.ops), kDeclined);
     EXPECT_EQ(Db(0x9F9306), "00");
     EXPECT_TRUE(host.MessagesFor(VELK_CMD_REVOCATION).empty());
@@ -306,11 +306,7 @@ TEST(OdaTransaction, CdaWithoutTheIccCertificateIsNotSelected) {
     OdaTap t(Cam::Cda);
     t.oda.certificateRecord[0x9F46] = std::nullopt;
     t.tap.tvr = "2400000000";
-    t.oda.ApplyTo(t.tap);
-    t.tap.gacP1 = 0x40;
-    t.tap.gac = Respond(t.tap.GacCommand(), t.tap.card.GacResponse());
-    t.directory.Install(host);
-    const TapResult r = t.tap.Run(host);
+    const TapResult r = t.RunUnselected(host, 0x40);
     EXPECT_EQ(ToHex(r.ops), kApproved);
     EXPECT_EQ(Db(0x9F9306), "00");
     EXPECT_EQ(RecordValue(OutcomePacket(r.out), 0x95), "2400000000");

@@ -153,6 +153,18 @@ inline constexpr uint32_t kErrSignedStaticSize =
 inline constexpr uint32_t kErrDynamicDataLayout =
     0x31224;  // ICC dynamic data reaching the hash, or a dynamic number past it
 
+// The frame of every recovered block: header 6A at position 0, then the
+// 20-byte hash and the trailer BC at the end. The hash input starts at
+// position 1 and stops before the hash (N - 22 bytes).
+inline constexpr uint8_t kRecoveredHeader = 0x6A;
+inline constexpr uint8_t kRecoveredTrailer = 0xBC;
+inline constexpr uint32_t kHashLen = 20;
+inline constexpr uint32_t kRecoveredTail = kHashLen + 1;
+inline constexpr uint32_t kNotHashed = 1 + kRecoveredTail;
+inline constexpr uint8_t kSha1Indicator = 0x01;
+inline constexpr uint8_t kCamDda = 3;  // Offline_CAM_Selected_Indicator
+inline constexpr uint8_t kTvr1IccDataMissing = 0x20;
+
 // A data element that must be stored, and the failure its absence gives.
 struct RequiredTag {
     uint32_t tag;

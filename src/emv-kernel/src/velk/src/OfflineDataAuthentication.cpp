@@ -12,24 +12,24 @@
 
 namespace {
 
-constexpr uint8_t kHeader = 0x6A;
-constexpr uint8_t kTrailer = 0xBC;
-constexpr uint32_t kHashLen = 20;
-constexpr uint32_t kTail = kHashLen + 1;
-constexpr uint32_t kNotHashed = 1 + kTail;
-constexpr uint8_t kSha1 = 0x01;
+using velk::kHashLen;
+using velk::kNotHashed;
+constexpr uint8_t kHeader = velk::kRecoveredHeader;
+constexpr uint8_t kTrailer = velk::kRecoveredTrailer;
+constexpr uint32_t kTail = velk::kRecoveredTail;
+constexpr uint8_t kSha1 = velk::kSha1Indicator;
 constexpr uint32_t kSignatureArea = 300;
 
 // Offline CAM selected indicator.
 constexpr uint8_t kCamNone = 0;
 constexpr uint8_t kCamSda = 1;
 constexpr uint8_t kCamCda = 2;
-constexpr uint8_t kCamDda = 3;
+constexpr uint8_t kCamDda = velk::kCamDda;
 
 // TVR byte 1 and TSI byte 1.
 constexpr uint8_t kTvr1OdaNotPerformed = 0x80;
 constexpr uint8_t kTvr1SdaFailed = 0x40;
-constexpr uint8_t kTvr1IccDataMissing = 0x20;
+constexpr uint8_t kTvr1IccDataMissing = velk::kTvr1IccDataMissing;
 constexpr uint8_t kTvr1DdaFailed = 0x08;
 constexpr uint8_t kTvr1CdaFailed = 0x04;
 constexpr uint8_t kTvr1SdaSelected = 0x02;
@@ -123,8 +123,9 @@ uint32_t RecoverDynamicSignature(uint8_t *block, uint32_t terminalTag) {
     const uint32_t hashed = velk::CompareHashInput(hash, block + n - kTail, 0x44455);
     if (hashed != 0) return hashed;
 
+    // The dynamic number's length byte is the dynamic data's first byte.
     const uint32_t ldd = block[3];
-    if (kDynamicData + ldd > n - kTail) return velk::kErrDynamicDataLayout;
+    if (ldd == 0 || kDynamicData + ldd > n - kTail) return velk::kErrDynamicDataLayout;
     const uint8_t *dynamic = block + kDynamicData;
     const uint32_t ln = dynamic[0];
     if (ln > kMaxDynamicNumber) return 0x44456;

@@ -14,17 +14,12 @@
 
 namespace {
 
-constexpr uint8_t kHeader = 0x6A;
-constexpr uint8_t kTrailer = 0xBC;
-constexpr uint32_t kHashLen = 20;
-// Hash and trailer close every recovered block.
-constexpr uint32_t kTail = kHashLen + 1;
-// The hash input starts at position 1 and stops before the hash: N - 22 bytes.
-constexpr uint32_t kNotHashed = 1 + kTail;
-constexpr uint8_t kSha1 = 0x01;
+using velk::kCamDda;
+using velk::kHashLen;
+using velk::kNotHashed;
+using velk::kTvr1IccDataMissing;
+constexpr uint32_t kTail = velk::kRecoveredTail;
 constexpr uint8_t kRsa = 0x01;
-constexpr uint8_t kCamDda = 3;
-constexpr uint8_t kTvr1IccDataMissing = 0x20;
 
 constexpr uint32_t kErrCaKeyNotDelivered = 0x31101;
 constexpr uint32_t kErrHashInputTooLong = 0x31006;
@@ -57,6 +52,7 @@ VELK_GLOBALVALUE_STRUCT &G() {
 // expiry (2), serial number (3), hash algorithm, key algorithm, key length,
 // exponent length, then the key or its leftmost bytes.
 struct KeyCertificate {
+    velk::RequiredTag inputs[4];  // looked for in this order
     uint32_t signerModulusTag;
     uint32_t signerExponentTag;
     uint32_t certificateTag;
@@ -85,15 +81,44 @@ struct KeyCertificate {
 };
 
 constexpr KeyCertificate kIssuerCertificate{
-    0xDF8201, 0xDF8202, 0x90,    0x92,    0x9F8232, 256, 0x02, 4, 0x31219, velk::kErrCaKeySize,
-    0x31302,  0x31301,  0x31303, 0x31314, 0x31308};
+    .inputs = {{0xDF8201, 0x31211}, {0xDF8202, 0x31212}, {0x9F32, 0x31214}, {0x90, 0x31215}},
+    .signerModulusTag = 0xDF8201,
+    .signerExponentTag = 0xDF8202,
+    .certificateTag = 0x90,
+    .remainderTag = 0x92,
+    .keyTag = 0x9F8232,
+    .area = 256,
+    .format = 0x02,
+    .identityLen = 4,
+    .errLength = 0x31219,
+    .errSize = velk::kErrCaKeySize,
+    .errTrailer = 0x31302,
+    .errHeader = 0x31301,
+    .errFormat = 0x31303,
+    .errNoRemainder = 0x31314,
+    .errRemainderLen = 0x31308};
 constexpr KeyCertificate kIccCertificate{
-    0x9F8232, 0x9F32,  0x9F46,  0x9F48,  0x9F8233, 512, 0x04, 10, 0x31402, velk::kErrIssuerKeySize,
-    0x31404,  0x31403, 0x31405, 0x31414, 0x31415};
+    .inputs = {{0x9F47, 0x31217}, {0x9F46, 0x31218}, {0x9F8232, 0x31213}, {0x9F32, 0x31214}},
+    .signerModulusTag = 0x9F8232,
+    .signerExponentTag = 0x9F32,
+    .certificateTag = 0x9F46,
+    .remainderTag = 0x9F48,
+    .keyTag = 0x9F8233,
+    .area = 512,
+    .format = 0x04,
+    .identityLen = 10,
+    .errLength = 0x31402,
+    .errSize = velk::kErrIssuerKeySize,
+    .errTrailer = 0x31404,
+    .errHeader = 0x31403,
+    .errFormat = 0x31405,
+    .errNoRemainder = 0x31414,
+    .errRemainderLen = 0x31415};
 static_assert(kIssuerCertificate.Overhead() == 36 && kIssuerCertificate.HashAlgorithm() == 11);
 static_assert(kIccCertificate.Overhead() == 42 && kIccCertificate.HashAlgorithm() == 17);
 
-// What both recoveries do in the same order: the certificate's length, the
+// What both recoveries do in the same order: the inputs present, the
+// certificate's length, the
 // bounds, the RSA recovery into `block` (c.area bytes, zeroed), trailer,
 // header and format, then the start of the hash input (positions 1 to
 // N - 22, and the remainder when the key needs one) and the certified
@@ -101,6 +126,7 @@ static_assert(kIccCertificate.Overhead() == 42 && kIccCertificate.HashAlgorithm(
 // signer's modulus length. The views taken from the database are stale
 // afterwards: the store may have moved it.
 uint32_t RecoverKey(const KeyCertificate &c, uint8_t *block, velk::Writer &hash, uint32_t *n) {
+    if (const uint32_t missing = velk::FirstAbsent(c.inputs, false); missing != 0) return missing;
     OBJECT_TAG modulus, exponent, certificate;
     Get(c.signerModulusTag, modulus);
     Get(c.signerExponentTag, exponent);
@@ -112,8 +138,8 @@ uint32_t RecoverKey(const KeyCertificate &c, uint8_t *block, velk::Writer &hash,
 
     (void)Velk_RSA_Encrypt(modulus.pValue, len, exponent.pValue, exponent.uiLength,
                            certificate.pValue, len, block);
-    if (block[len - 1] != kTrailer) return c.errTrailer;
-    if (block[0] != kHeader) return c.errHeader;
+    if (block[len - 1] != velk::kRecoveredTrailer) return c.errTrailer;
+    if (block[0] != velk::kRecoveredHeader) return c.errHeader;
     if (block[1] != c.format) return c.errFormat;
 
     hash.put(block + 1, len - kNotHashed);
@@ -239,10 +265,6 @@ uint32_t VelkCless_Get_CAPulicKey_Parameters(void) {
 }
 
 uint32_t VelkCless_Retrieve_IssuerPubKey(void) {
-    static constexpr velk::RequiredTag kInputs[] = {
-        {0xDF8201, 0x31211}, {0xDF8202, 0x31212}, {0x9F32, 0x31214}, {0x90, 0x31215}};
-    if (const uint32_t missing = velk::FirstAbsent(kInputs, false); missing != 0) return missing;
-
     const KeyCertificate &c = kIssuerCertificate;
     uint8_t block[kIssuerCertificate.area] = {};
     velk::Writer hash = velk::ExchangeHashInput(true);
@@ -258,7 +280,7 @@ uint32_t VelkCless_Retrieve_IssuerPubKey(void) {
     const uint32_t pan = CheckPan(block + c.Identity(), c.identityLen);
     if (pan != 0) return pan;
     if (VelkCless_Check_Cert_ExpDate(block + c.Expiry(), 2) != 0) return 0x31304;
-    if (block[c.HashAlgorithm()] != kSha1) return 0x31309;
+    if (block[c.HashAlgorithm()] != velk::kSha1Indicator) return 0x31309;
     if (block[c.KeyAlgorithm()] != kRsa) return 0x31311;
 
     // A DF name shorter than a RID or an empty index is sent zero-filled
@@ -274,10 +296,6 @@ uint32_t VelkCless_Retrieve_IssuerPubKey(void) {
 }
 
 uint32_t VelkCless_Retrieve_ICC_PubKey(void) {
-    static constexpr velk::RequiredTag kInputs[] = {
-        {0x9F47, 0x31217}, {0x9F46, 0x31218}, {0x9F8232, 0x31213}, {0x9F32, 0x31214}};
-    if (const uint32_t missing = velk::FirstAbsent(kInputs, false); missing != 0) return missing;
-
     const KeyCertificate &c = kIccCertificate;
     uint8_t block[kIccCertificate.area] = {};
     velk::Writer hash = velk::ExchangeHashInput(true);
@@ -285,7 +303,7 @@ uint32_t VelkCless_Retrieve_ICC_PubKey(void) {
     const uint32_t rc = RecoverKey(c, block, hash, &n);
     if (rc != 0) return rc;
     // Checked before the hash, unlike the issuer certificate's.
-    if (block[c.HashAlgorithm()] != kSha1) return 0x31412;
+    if (block[c.HashAlgorithm()] != velk::kSha1Indicator) return 0x31412;
 
     velk::AppendStored(hash, 0x9F47);
     const VELK_GLOBALVALUE_STRUCT &g = G();
