@@ -87,6 +87,12 @@ CardExchange FailCallback(Bytes capdu, uint32_t code) {
     return {std::move(capdu), CardExchange::Kind::CallbackFailure, {}, 0, code, {}};
 }
 
+std::string DbHex(uint32_t tag) {
+    OBJECT_TAG element{0, 0, nullptr};
+    if (VelkDataBase_GetTagValue(tag, &element) != 0) return "absent";
+    return ToHex({element.pValue, element.uiLength});
+}
+
 std::string HexDiff(const Bytes &expected, const Bytes &actual) {
     std::ostringstream out;
     out << "expected: " << ToHex(expected, true) << "\n  actual: " << ToHex(actual, true);

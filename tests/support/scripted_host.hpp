@@ -141,6 +141,9 @@ private:
     size_t next_ = 0;
 };
 
+// The database's value of a tag in hex, or "absent".
+std::string DbHex(uint32_t tag);
+
 // "expected ... / actual ... / first difference at byte N".
 std::string HexDiff(const Bytes &expected, const Bytes &actual);
 

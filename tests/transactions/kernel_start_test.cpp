@@ -44,12 +44,8 @@ TEST(KernelStart, AFirstTapAsksForTerminalDataANumberAndTheAidsParametersByteFor
               "5F2A020978");
     EXPECT_EQ(host.g().ucKernelID, 0x03);
     // The number is kept as 9F37; the AID as 9F06.
-    uint8_t value[16] = {};
-    uint32_t len = 0;
-    ASSERT_EQ(VelkDataBase_Get_TagValue(0x9F37, &len, value), 0u);
-    EXPECT_EQ(ToHex({value, len}), "11223344");
-    ASSERT_EQ(VelkDataBase_Get_TagValue(0x9F06, &len, value), 0u);
-    EXPECT_EQ(Bytes(value, value + len), kAid);
+    EXPECT_EQ(DbHex(0x9F37), "11223344");
+    EXPECT_EQ(DbHex(0x9F06), ToHex(kAid));
 }
 
 TEST(KernelStart, WithoutACurrencyCodeTheAidRequestCarriesOnlyTheAidAndTheType) {
@@ -71,10 +67,7 @@ TEST(KernelStart, TheFciOfTheSignalIsCheckedStoredAndKeptWithoutItsStatusWord) {
     (void)host.Start(TransactionInput(PurchaseParams()));
 
     const Bytes fci = Fci(kAid, {T(0x50, "56454C4B")});
-    uint8_t value[300] = {};
-    uint32_t len = 0;
-    ASSERT_EQ(VelkDataBase_Get_TagValue(0x9F8201, &len, value), 0u);
-    EXPECT_EQ(Bytes(value, value + len), fci);
+    EXPECT_EQ(DbHex(0x9F8201), ToHex(fci));
     // Its elements are in the database too, the constructed ones included.
     EXPECT_EQ(VelkDataBase_Tag_IsPresent(0x84), 1);
     EXPECT_EQ(VelkDataBase_Tag_IsPresent(0x50), 1);

@@ -154,10 +154,7 @@ TEST(UnpredictableNumber, IsKeptAsFourBytesAndCopiedUpToTheCallersLength) {
     ScriptedHost host;
     host.unpredictableNumber = FromHex("0102030405060708");
     ASSERT_EQ(VelkCless_Get_Unpredictable_Number(), 0u);
-    uint8_t value[8] = {};
-    uint32_t len = 0;
-    ASSERT_EQ(VelkDataBase_Get_TagValue(0x9F37, &len, value), 0u);
-    EXPECT_EQ(ToHex({value, len}), "01020304");
+    EXPECT_EQ(DbHex(0x9F37), "01020304");
 
     uint8_t random[8] = {};
     ASSERT_EQ(VelkCless_GetUnpredictableNumber(random, 3), 0u);
@@ -171,10 +168,7 @@ TEST(UnpredictableNumber, AShortAnswerIsPaddedAndAMissingOneIsAnError) {
     ScriptedHost host;
     host.unpredictableNumber = FromHex("AABB");
     ASSERT_EQ(VelkCless_Get_Unpredictable_Number(), 0u);
-    uint8_t value[8] = {};
-    uint32_t len = 0;
-    ASSERT_EQ(VelkDataBase_Get_TagValue(0x9F37, &len, value), 0u);
-    EXPECT_EQ(ToHex({value, len}), "AABB0000");
+    EXPECT_EQ(DbHex(0x9F37), "AABB0000");
 
     host.On(VELK_CMD_UNPREDICTABLE_NUMBER, [](const Message &) { return Answer::Reply({}); });
     EXPECT_EQ(VelkCless_Get_Unpredictable_Number(), 0x3020Au);
@@ -190,10 +184,7 @@ TEST(Requests, ParameterRepliesAreStoredAndTheAidRequestReportsTheLastStore) {
     EXPECT_EQ(VelkCless_GetICS_Param(), 0u);  // whatever the stores say
     host.aidParams = {T(0x9F35, "22"), T(0x5A, "9999")};
     EXPECT_EQ(VelkCless_Transaction_Get_AID_Parameter(kAid.data(), 7), 0x31001u);
-    uint8_t value[8] = {};
-    uint32_t len = 0;
-    ASSERT_EQ(VelkDataBase_Get_TagValue(0x5A, &len, value), 0u);
-    EXPECT_EQ(ToHex({value, len}), "1234");
+    EXPECT_EQ(DbHex(0x5A), "1234");
     EXPECT_EQ(VelkDataBase_Tag_IsPresent(0x9F35), 1);
     host.aidParams = {};
     EXPECT_EQ(VelkCless_Transaction_Get_AID_Parameter(kAid.data(), 7), 0u);

@@ -4,6 +4,7 @@
 #include "baseKernel.h"
 #include "db_access.hpp"
 #include "kernel_fixture.hpp"
+#include "named_case.hpp"
 #include "step_host.hpp"
 
 namespace velk::test {
@@ -83,17 +84,13 @@ TEST_F(Balance, WithoutTheCapabilityNoCommand) {
     EXPECT_TRUE(CardReadShown());
 }
 
-struct StepCase {
-    const char *name;
+struct StepCase : NamedCase {
     const char *cid;  // nullptr: absent
     const char *options;
     const char *capabilities;
     bool message;
     uint32_t step;
 };
-void PrintTo(const StepCase &c, std::ostream *os) {
-    *os << c.name;
-}
 
 class BalanceStep : public Balance, public ::testing::WithParamInterface<StepCase> {};
 
@@ -118,7 +115,7 @@ INSTANTIATE_TEST_SUITE_P(
                       StepCase{"LongTapNoCid", nullptr, "04", "00000000", false, 0x2900},
                       StepCase{"LongTapOptionTcShowsIt", "40", "04", "00000000", true, 0x1620},
                       StepCase{"LongTapOptionAacShowsIt", "00", "04", "00000000", true, 0x2900}),
-    [](const auto &info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST_F(Balance, AuthenticationOnlyShowsTheMessage) {
     Put(0x9F9302, "14");
@@ -130,8 +127,7 @@ TEST_F(Balance, AuthenticationOnlyShowsTheMessage) {
     EXPECT_EQ(Step(), 0x2900u);
 }
 
-struct EndCase {
-    const char *name;
+struct EndCase : NamedCase {
     const char *cid;  // nullptr: absent
     uint8_t asked;
     const char *ccid;  // 9F9316; nullptr: absent
@@ -140,9 +136,6 @@ struct EndCase {
     uint32_t step;
     const char *status;  // first byte of the outcome; nullptr: no outcome
 };
-void PrintTo(const EndCase &c, std::ostream *os) {
-    *os << c.name;
-}
 
 class DeActivation : public KernelTest, public ::testing::WithParamInterface<EndCase> {
 protected:
@@ -187,7 +180,7 @@ INSTANTIATE_TEST_SUITE_P(
         EndCase{"OnlineTapWinsOverLongTap", "80", 0x80, "0A", "06", "000090", 0x2220, nullptr},
         EndCase{"AuthenticationOptionAloneChangesNothing", "80", 0x80, nullptr, "10", "00000040", 0,
                 "30"}),
-    [](const auto &info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST_F(KernelTest, DeActivationOutcomesInFull) {
     StepHost host;

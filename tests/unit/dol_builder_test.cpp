@@ -4,6 +4,7 @@
 #include "baseKernel.h"
 #include "db_access.hpp"
 #include "kernel_fixture.hpp"
+#include "named_case.hpp"
 
 namespace velk::test {
 namespace {
@@ -28,8 +29,7 @@ protected:
     }
 };
 
-struct DolCase {
-    const char *name;
+struct DolCase : NamedCase {
     uint32_t tag;
     const char *stored;  // nullptr: absent
     const char *dol;
@@ -70,7 +70,7 @@ INSTANTIATE_TEST_SUITE_P(
         // three-byte tags: bit 0x20 of the middle byte decides, not the first
         DolCase{"ThreeByteMiddleBitSet", 0x9FA001, "AB", "9FA00101", "00"},
         DolCase{"ThreeByteFirstByteConstructed", 0xBF8101, "AB", "BF810101", "AB"}),
-    [](const auto &info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST_F(DolBuilder, SkipsPaddingBetweenEntriesAndConcatenatesValues) {
     Put(0x9F02, "000000000100");
@@ -78,7 +78,7 @@ TEST_F(DolBuilder, SkipsPaddingBetweenEntriesAndConcatenatesValues) {
     EXPECT_EQ(Build("00 9F0206 FF FF 9F1A02 00"), "0000000001000826");
 }
 
-TEST_F(DolBuilder, PdolOfTheDesignExample) {
+TEST_F(DolBuilder, PdolAskingAnAbsentTagAndTheAmount) {
     Put(0x9F02, "000000012345");
     EXPECT_EQ(Build("9F6604 9F0206"), "00000000000000012345");
 }

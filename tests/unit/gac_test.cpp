@@ -4,6 +4,7 @@
 #include "baseKernel.h"
 #include "db_access.hpp"
 #include "kernel_fixture.hpp"
+#include "named_case.hpp"
 #include "step_host.hpp"
 
 namespace velk::test {
@@ -132,14 +133,10 @@ TEST_F(Gac, UpdateAfterCardActionAnalysisWhenConfigured) {
     EXPECT_EQ(Step(), 0x2630u);
 }
 
-struct BadGac {
-    const char *name;
+struct BadGac : NamedCase {
     std::string rapdu;
     bool cda;
 };
-void PrintTo(const BadGac &c, std::ostream *os) {
-    *os << c.name;
-}
 
 class GacBadResponse : public Gac, public ::testing::WithParamInterface<BadGac> {};
 
@@ -169,7 +166,7 @@ INSTANTIATE_TEST_SUITE_P(
         BadGac{"ShortAcNoSdad", Response({Cid(0x40), kAtc, Tlv(0x9F26, Bytes(4, 0)), kIad}), false},
         BadGac{"CdaTcWithoutSdad", Response({Cid(0x40), kAtc, kAc, kIad}), true},
         BadGac{"CdaArqcWithoutSdad", Response({Cid(0x80), kAtc, kAc, kIad}), true}),
-    [](const auto &info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST_F(Gac, ResponseLongerThanTheLastResponseBufferEndsTheApplication) {
     host_.Respond(Response({Cid(0x40), kAtc, kAc, kIad, Tlv(0x9F7A, Bytes(240, 0))}));
@@ -189,8 +186,7 @@ TEST_F(Gac, ResponseFillingTheLastResponseBufferIsAccepted) {
     EXPECT_EQ(g().uiLastRAPDULen, 260u);
 }
 
-struct C5Case {
-    const char *name;
+struct C5Case : NamedCase {
     const char *earlier;  // C5 from GPO or records; nullptr: none
     const char *given;    // C5 in the response; nullptr: none
     uint8_t cid;
@@ -198,9 +194,6 @@ struct C5Case {
     const char *cvmResults;  // nullptr: absent
     const char *outcome;     // nullptr: goes on to the balance step
 };
-void PrintTo(const C5Case &c, std::ostream *os) {
-    *os << c.name;
-}
 
 class GacC5 : public Gac, public ::testing::WithParamInterface<C5Case> {};
 
@@ -242,7 +235,7 @@ INSTANTIATE_TEST_SUITE_P(
         C5Case{"TcAskedAacGiven", nullptr, nullptr, 0x00, 0x40, nullptr, kTryOther},
         C5Case{"ArqcAskedAacGiven", nullptr, nullptr, 0x00, 0x80, nullptr, nullptr},
         C5Case{"TcAskedArqcGiven", nullptr, nullptr, 0x80, 0x40, nullptr, nullptr}),
-    [](const auto &info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST_F(Gac, TornCommandOnAnEchoCardGoesToRecovery) {
     VelkCless_Set_ECHO_Command_supported(1);

@@ -10,6 +10,7 @@
 
 #include "baseKernel.h"
 #include "kernel_fixture.hpp"
+#include "scripted_host.hpp"
 #include "tlv.h"
 #include "velk/host/tlv.hpp"
 
@@ -112,11 +113,7 @@ TEST_F(KernelTest, TheDatabasesEchoSettingWinsOverTheField) {
 
 TEST_F(KernelTest, TheOfflineMethodTravelsAs9F9306) {
     VelkCless_Set_Offline_CAM_Selected_Indicator(3);
-    uint8_t value[2] = {};
-    uint32_t len = 0;
-    ASSERT_EQ(VelkDataBase_Get_TagValue(0x9F9306, &len, value), 0u);
-    EXPECT_EQ(len, 1u);
-    EXPECT_EQ(value[0], 3);
+    EXPECT_EQ(DbHex(0x9F9306), "03");
     EXPECT_EQ(VelkCless_Get_Offline_CAM_Selected_Indicator(), 3);
 }
 

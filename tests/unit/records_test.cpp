@@ -5,6 +5,7 @@
 #include "baseKernel.h"
 #include "db_access.hpp"
 #include "kernel_fixture.hpp"
+#include "named_case.hpp"
 #include "step_host.hpp"
 
 namespace velk::test {
@@ -69,13 +70,9 @@ TEST_F(Records, OdaCountTakesTheFirstRecordsOfEachEntry) {
     EXPECT_EQ(Oda(), "9F080200029F0702FF00");
 }
 
-struct BadEntry {
-    const char *name;
+struct BadEntry : NamedCase {
     const char *afl;
 };
-void PrintTo(const BadEntry &c, std::ostream *os) {
-    *os << c.name;
-}
 
 class RecordsBadEntry : public Records, public ::testing::WithParamInterface<BadEntry> {};
 
@@ -94,7 +91,7 @@ INSTANTIATE_TEST_SUITE_P(Entries, RecordsBadEntry,
                                            BadEntry{"SfiZero", "00010100"},
                                            BadEntry{"Sfi31", "F8010100"},
                                            BadEntry{"OdaCountAboveRecords", "10010203"}),
-                         [](const auto &info) { return std::string(info.param.name); });
+                         CaseName());
 
 TEST_F(Records, BadFirstEntryGoesOnToTheMandatoryCheck) {
     Put(0x94, "08000100");
@@ -152,15 +149,11 @@ TEST_F(Records, RecordLongerThanItsBufferIsRefused) {
     EXPECT_EQ(Read(), 0x30105u);
 }
 
-struct BadRecord {
-    const char *name;
+struct BadRecord : NamedCase {
     const char *afl;
     const char *rapdu;
     uint32_t result;
 };
-void PrintTo(const BadRecord &c, std::ostream *os) {
-    *os << c.name;
-}
 
 class RecordsBadRecord : public Records, public ::testing::WithParamInterface<BadRecord> {};
 
@@ -188,7 +181,7 @@ INSTANTIATE_TEST_SUITE_P(
                       BadRecord{"DuplicateSingleTag", "08010100", "70085A0212345A0212349000",
                                 0x31001},
                       BadRecord{"Sfi11BadTlv", "58010100", "70055A0212349000", 0x30504}),
-    [](const auto &info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST_F(Records, TooLongValueIsStoredBeforeItIsJudged) {
     Put(0x94, "08010100");
@@ -269,15 +262,11 @@ TEST_F(Mandatory, AuthenticationOnlySkipsTheCheck) {
     EXPECT_EQ(Check(), 0x30509u);
 }
 
-struct PanCase {
-    const char *name;
+struct PanCase : NamedCase {
     const char *pan;
     const char *track2;
     uint32_t result;
 };
-void PrintTo(const PanCase &c, std::ostream *os) {
-    *os << c.name;
-}
 
 class PanTrack2 : public KernelTest, public ::testing::WithParamInterface<PanCase> {};
 
@@ -300,7 +289,7 @@ INSTANTIATE_TEST_SUITE_P(
                       PanCase{"NoPan", nullptr, "541333", 0},
                       PanCase{"NoTrack2", "1234", nullptr, 0},
                       PanCase{"EmptyPan", "", "541333", 0}),
-    [](const auto &info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST_F(KernelTest, ReadCompleteChecksMandatoryDataAndPan) {
     EXPECT_EQ(VelkCless_Read_Complete(nullptr, nullptr), 0x30601u);

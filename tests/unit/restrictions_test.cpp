@@ -4,6 +4,7 @@
 #include "baseKernel.h"
 #include "db_access.hpp"
 #include "kernel_fixture.hpp"
+#include "named_case.hpp"
 
 namespace velk::test {
 namespace {
@@ -76,16 +77,12 @@ TEST_F(Restrictions, SkippedWithoutTheAipBitOrTheCapability) {
     EXPECT_EQ(Byte2(), 0x10);
 }
 
-struct DateCase {
-    const char *name;
+struct DateCase : NamedCase {
     const char *today;
     const char *expiry;     // nullptr: absent
     const char *effective;  // nullptr: absent
     uint8_t tvr;
 };
-void PrintTo(const DateCase &c, std::ostream *os) {
-    *os << c.name;
-}
 
 class RestrictionDates : public Restrictions, public ::testing::WithParamInterface<DateCase> {};
 
@@ -110,7 +107,7 @@ INSTANTIATE_TEST_SUITE_P(
                       DateCase{"NotYetEffective", "240614", nullptr, "240615", 0x20},
                       DateCase{"ShortExpiryIgnored", "240615", "2401", nullptr, 0x00},
                       DateCase{"Both", "240615", "230101", "250101", 0x60}),
-    [](const auto &info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST_F(Restrictions, InvalidDatesEndTheTransactionOnError) {
     for (const char *bad : {"230229", "241301", "2A0101"}) {
@@ -125,17 +122,13 @@ TEST_F(Restrictions, InvalidDatesEndTheTransactionOnError) {
     EXPECT_EQ(VelkCless_GetTransactionStep(), 0u);
 }
 
-struct UsageCase {
-    const char *name;
+struct UsageCase : NamedCase {
     const char *auc;
     const char *type;
     const char *terminalType;
     const char *issuerCountry;
     bool fails;
 };
-void PrintTo(const UsageCase &c, std::ostream *os) {
-    *os << c.name;
-}
 
 class RestrictionUsage : public Restrictions, public ::testing::WithParamInterface<UsageCase> {};
 
@@ -166,7 +159,7 @@ INSTANTIATE_TEST_SUITE_P(
                       UsageCase{"InternationalCashback", "0180", "09", "22", "0840", true},
                       UsageCase{"CashbackOneByteAuc", "FF", "09", "22", "0978", true},
                       UsageCase{"OtherTypesFree", "01", "20", "22", "0840", false}),
-    [](const auto &info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST_F(Restrictions, MissingTerminalCountryEndsTheApplication) {
     Put(0x9F07, "FF00");

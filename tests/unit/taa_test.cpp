@@ -4,6 +4,7 @@
 #include "baseKernel.h"
 #include "db_access.hpp"
 #include "kernel_fixture.hpp"
+#include "named_case.hpp"
 
 namespace velk::test {
 namespace {
@@ -20,17 +21,13 @@ TEST(ActionCodes, AnyTvrBitInEitherCodeMatches) {
     EXPECT_EQ(VelkCless_TAC_IAC_TVR(none, other, other), 0);
 }
 
-struct TaaCase {
-    const char *name;
+struct TaaCase : NamedCase {
     const char *terminalType;  // nullptr: absent
     const char *tvr;
     const char *iacDenial, *iacOnline, *iacDefault;  // nullptr: absent
     const char *tacDenial, *tacOnline, *tacDefault;
     uint8_t expected;  // 0xEE: left as it was
 };
-void PrintTo(const TaaCase &c, std::ostream *os) {
-    *os << c.name;
-}
 
 class Taa : public KernelTest, public ::testing::WithParamInterface<TaaCase> {};
 
@@ -84,7 +81,7 @@ INSTANTIATE_TEST_SUITE_P(
                 0xEE},
         TaaCase{"DenialWinsOverType", "27", kFloor, kNone, kNone, kNone, "0000008000", kNone, kNone,
                 0x00}),
-    [](const auto &info) { return std::string(info.param.name); });
+    CaseName());
 
 class TaaCda : public KernelTest {
 protected:

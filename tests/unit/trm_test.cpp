@@ -4,6 +4,7 @@
 #include "baseKernel.h"
 #include "db_access.hpp"
 #include "kernel_fixture.hpp"
+#include "named_case.hpp"
 #include "step_host.hpp"
 
 namespace velk::test {
@@ -16,8 +17,7 @@ protected:
 };
 
 // Random selection: P = 9F8243, M = 9F8242, T = 9F8244 (BCD), F = 9F1B.
-struct RandomCase {
-    const char *name;
+struct RandomCase : NamedCase {
     const char *target;
     const char *maxTarget;
     const char *threshold;
@@ -27,9 +27,6 @@ struct RandomCase {
     uint32_t result;
     bool selected;
 };
-void PrintTo(const RandomCase &c, std::ostream *os) {
-    *os << c.name;
-}
 
 class RandomSelection : public Trm, public ::testing::WithParamInterface<RandomCase> {};
 
@@ -62,6 +59,14 @@ INSTANTIATE_TEST_SUITE_P(
                    29, 0, true},  // R = 30
         RandomCase{"InterpolatedNotSelected", "10", "50", "000000001000", "000007D0",
                    "000000001500", 30, 0, false},  // R = 31
+        // the product (M-P)(A-T) is kept in 32 bits: 99 * 50,000,000 wraps to
+        // 655,032,704, and / 60,000,000 gives Q = 10 (82 without the wrap).
+        // The 8-bit cuts of quotient and sum cannot change a result: with
+        // A < F the quotient stays below M - P.
+        RandomCase{"ProductWrapsSelected", "00", "99", "000000000000", "03938700", "000050000000",
+                   9, 0, true},  // R = 10
+        RandomCase{"ProductWrapsNotSelected", "00", "99", "000000000000", "03938700",
+                   "000050000000", 10, 0, false},  // R = 11
         // amount equal to the threshold interpolates with A - T = 0: Q = P
         RandomCase{"AmountAtThresholdUsesP", "10", "50", "000000001000", "000007D0", "000000001000",
                    9, 0, true},
@@ -84,7 +89,7 @@ INSTANTIATE_TEST_SUITE_P(
                    false},
         RandomCase{"ThresholdAboveFloor", "10", "50", "000000002001", "000007D0", "000000000001", 0,
                    0x31520, false}),
-    [](const auto &info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST_F(Trm, RandomSelectionIsSkippedWhenTheFloorLimitIsExceeded) {
     g().ucTVR[3] = 0x80;
@@ -118,15 +123,11 @@ TEST_F(Velocity, SendsBothGetDataCommands) {
     EXPECT_EQ(Tvr(), "0000004000");  // 6 > 5, not > 10
 }
 
-struct VelocityCase {
-    const char *name;
+struct VelocityCase : NamedCase {
     const char *atc;
     const char *lastOnline;  // nullptr: not asked
     const char *tvr;
 };
-void PrintTo(const VelocityCase &c, std::ostream *os) {
-    *os << c.name;
-}
 
 class VelocityCases : public Velocity, public ::testing::WithParamInterface<VelocityCase> {};
 
@@ -154,7 +155,7 @@ INSTANTIATE_TEST_SUITE_P(
         VelocityCase{"AtcNoStatusWord", "90", "9F130200109000", "2000006000"},
         VelocityCase{"RegisterRefused", "9F360200109000", "6A88", "2000006000"},
         VelocityCase{"RegisterHostileLength", "9F360200109000", "9F1383FFFFFF 9000", "2000006000"}),
-    [](const auto &info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST_F(Velocity, AnswerLongerThanItsBufferCountsAsMissing) {
     host_.Respond("9F360200 10" + std::string(80, '0') + "9000");

@@ -197,11 +197,12 @@ uint32_t CompareHashInput(const Writer &hash, const uint8_t *expected, uint32_t 
 uint8_t *InputTemplate(uint8_t *input, uint32_t len);
 
 // The input edits of the restart after an ECHO communication error: 9F06 and
-// 9F872B leave the 7F11 (as direct children), the FCI (when fci is not null) takes the place of any
-// 9F8201 in it, whatever followed the 7F11 is dropped and cleared, and *len
-// becomes the input's new length. The 7F11 stays inside the first
-// VELK_IO_BUFFER_MIN_LEN bytes of input; false (with *len unchanged) when the
-// input has no 7F11, the FCI does not fit or the result is not well formed.
+// 9F872B leave the 7F11 (as direct children), the FCI (when fci is not null)
+// takes the place of any 9F8201 in it, whatever followed the 7F11 is dropped
+// and cleared, and *len becomes the input's new length. The 7F11 stays inside
+// the first VELK_IO_BUFFER_MIN_LEN bytes of input. False, with *len unchanged
+// (the removals may already be done), when the input has no 7F11, the FCI
+// does not fit or the result is not well formed.
 bool EchoRestartInput(uint8_t *input, uint32_t *len, const uint8_t *fci, uint32_t fciLen);
 
 // The first element with this tag in the dynamic transaction parameters

@@ -108,7 +108,7 @@ uint8_t Attendance() {
     const uint8_t t = type.pValue[0];
     const uint8_t high = t >> 4;
     if (high >= 1 && high <= 3) return (t & 0x0C) == 0 ? kAttended : kUnattended;
-    // Types 9x: 90 to 94 attended, 95 and above unattended, as designed.
+    // Types 9x: 90 to 94 attended, 95 and above unattended, on purpose.
     if (high == 9) return (t & 0x0F) <= 4 ? kAttended : kUnattended;
     return kUnknownAttendance;
 }
@@ -306,7 +306,7 @@ uint32_t VelkCless_Cardholder_Verification_CVMList(void) {
     velk::DbGet(0x8E, list, sizeof list, &len);
     if (fullLen % 2 != 0) {
         // Written into the outcome and dropped by the callers: a later
-        // outcome of the transaction replaces it, as designed.
+        // outcome of the transaction replaces it, on purpose.
         VelkCless_Transaction_FinalOutcome_EndApplication();
         return kOddCvmList;
     }

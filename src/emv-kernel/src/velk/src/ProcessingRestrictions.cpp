@@ -111,6 +111,9 @@ uint32_t VelkCless_CheckDateValid(const uint8_t *date) {
                                        BcdByte(date[3]));
 }
 
+// VelkCless_GetCardExpDateFromTrack2 is not built: no step reads the expiry
+// date from Track 2, and its month-to-day lookup was wrong for months 10 to 12.
+
 uint32_t VelkCless_ProRestrictions_Check_Application_Version(void) {
     const OBJECT_TAG terminal = Get(0x9F09);
     const OBJECT_TAG card = Get(0x9F08);
