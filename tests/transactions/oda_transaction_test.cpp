@@ -12,6 +12,7 @@
 #include "baseKernel.h"
 #include "db_access.hpp"
 #include "first_tap.hpp"
+#include "named_case.hpp"
 #include "oda_card.hpp"
 #include "scripted_host.hpp"
 
@@ -196,8 +197,7 @@ TEST(OdaTransaction, DdaFailuresAreReportedInTheTvr) {
 
 // ---- CDA and SDA failures: the CID becomes an AAC ----------------------------------------
 
-struct Failure {
-    const char *name;
+struct Failure : NamedCase {
     Cam cam;
     std::function<void(OdaTap &)> fault;
     bool revocationAsked;
@@ -249,7 +249,7 @@ INSTANTIATE_TEST_SUITE_P(
                 [](OdaTap &t) { t.oda.certificateRecord[0x9F48] = std::nullopt; }, true},
         Failure{"TransactionDataHashMismatch", Cam::Cda,
                 [](OdaTap &t) { t.oda.alterTransactionData = true; }, true}),
-    [](const auto &info) { return std::string(info.param.name); });
+    CaseName());
 
 INSTANTIATE_TEST_SUITE_P(
     Sda, OdaFailure,
@@ -268,7 +268,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Failure{"MissingIssuerRemainder", Cam::Sda,
                               [](OdaTap &t) { t.oda.certificateRecord[0x92] = std::nullopt; },
                               false}),
-    [](const auto &info) { return std::string(info.param.name); });
+    CaseName());
 
 // The card signs a CID other than the one it returned: the signed one replaces
 // 9F27 and is then turned into an AAC.

@@ -11,6 +11,7 @@
 #include "baseKernel.h"
 #include "db_access.hpp"
 #include "emv_kernel_global.h"
+#include "named_case.hpp"
 #include "oda_card.hpp"
 #include "scripted_host.hpp"
 
@@ -97,15 +98,11 @@ protected:
 
 // ---- Every fixed key combination ----------------------------------------------------
 
-struct KeyCase {
-    const char *name;
+struct KeyCase : NamedCase {
     KeyFn signer;
     KeyFn subject;
     size_t remainder;
 };
-std::string Name(const ::testing::TestParamInfo<KeyCase> &info) {
-    return info.param.name;
-}
 
 class IssuerKeys : public Recovery, public ::testing::WithParamInterface<KeyCase> {};
 
@@ -133,7 +130,7 @@ INSTANTIATE_TEST_SUITE_P(
                       KeyCase{"Ca1024e65537_Issuer744_OneByte", keys::Ca1024, keys::Issuer744, 1},
                       KeyCase{"Ca1024e65537_Issuer864", keys::Ca1024, keys::Issuer864, 16},
                       KeyCase{"Ca1024e65537_Issuer1024", keys::Ca1024, keys::Issuer1024, 36}),
-    Name);
+    CaseName());
 
 class IccKeys : public Recovery, public ::testing::WithParamInterface<KeyCase> {};
 
@@ -157,7 +154,7 @@ INSTANTIATE_TEST_SUITE_P(
                       KeyCase{"Issuer1024e3_Icc1024", keys::Issuer1024, keys::Icc1024, 42},
                       KeyCase{"Issuer864e65537_Icc688", keys::Issuer864, keys::Icc688, 20},
                       KeyCase{"Issuer744e3_Icc768e3", keys::Issuer744, keys::Icc768, 45}),
-    Name);
+    CaseName());
 
 TEST_F(Recovery, HandMadeCertificatesEqualThePkisOwn) {
     const RsaKey &ca = keys::Ca1024();
@@ -170,15 +167,11 @@ TEST_F(Recovery, HandMadeCertificatesEqualThePkisOwn) {
 
 // ---- Issuer certificate: each check with its code, in order -------------------------
 
-struct Fault {
-    const char *name;
+struct Fault : NamedCase {
     std::function<void(CertificateFields &, BlockFaults &)> sign;
     std::function<void(pki::KeyCertificate &)> store;
     uint32_t code;
 };
-std::string FaultName(const ::testing::TestParamInfo<Fault> &info) {
-    return info.param.name;
-}
 void None(CertificateFields &, BlockFaults &) {}
 void Keep(pki::KeyCertificate &) {}
 
@@ -245,7 +238,7 @@ INSTANTIATE_TEST_SUITE_P(
         Fault{"KeyAlgorithm", [](auto &f, auto &) { f.keyAlgorithm = 0x02; }, Keep, 0x31311},
         Fault{"CertificateShorterThanTheCaKey", None, [](auto &c) { c.certificate.pop_back(); },
               0x31219}),
-    FaultName);
+    CaseName());
 
 TEST_F(Recovery, TheIssuerModulusIsStoredBeforeTheHashIsChecked) {
     BlockFaults faults;
@@ -367,7 +360,7 @@ INSTANTIATE_TEST_SUITE_P(
         Fault{"KeyAlgorithm", [](auto &f, auto &) { f.keyAlgorithm = 0x02; }, Keep, 0x31413},
         Fault{"CertificateShorterThanTheIssuerKey", None, [](auto &c) { c.certificate.pop_back(); },
               0x31402}),
-    FaultName);
+    CaseName());
 
 // Each input taken away in turn from a complete set, in the order they are
 // looked for.

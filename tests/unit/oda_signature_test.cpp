@@ -11,6 +11,7 @@
 
 #include "baseKernel.h"
 #include "db_access.hpp"
+#include "named_case.hpp"
 #include "oda_card.hpp"
 #include "scripted_host.hpp"
 #include "tlv.h"
@@ -55,8 +56,7 @@ protected:
 
 // ---- SDA ----------------------------------------------------------------------------------
 
-struct SdaCase {
-    const char *name;
+struct SdaCase : NamedCase {
     BlockFaults faults;
     uint8_t format;
     uint8_t hashAlgorithm;
@@ -95,7 +95,7 @@ INSTANTIATE_TEST_SUITE_P(
                       // Stricter than the ICC certificate, on purpose.
                       SdaCase{"TagList8200", {}, 0x03, 0x01, "8200", true, 0x31416},
                       SdaCase{"TagListOther", {}, 0x03, 0x01, "9F02", true, 0x31416}),
-    [](const auto &info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST_F(Signatures, SdaInputsAndTheirTvrBits) {
     struct Case {
@@ -130,8 +130,7 @@ TEST_F(Signatures, SdaRefusesIncompleteStaticData) {
 
 // ---- DDA ----------------------------------------------------------------------------------
 
-struct DynamicCase {
-    const char *name;
+struct DynamicCase : NamedCase {
     Bytes dynamic;
     BlockFaults faults;
     uint8_t format;
@@ -175,7 +174,7 @@ INSTANTIATE_TEST_SUITE_P(
         DynamicCase{"DynamicNumberPastTheData", FromHex("08 0102"), {}, 0x05, 0x01, {}, 0x31224},
         DynamicCase{"NoDynamicData", Bytes{}, {}, 0x05, 0x01, {}, 0x31224},
         DynamicCase{"EmptyDynamicNumber", FromHex("00"), {}, 0x05, 0x01, {}, 0x00}),
-    [](const auto &info) { return std::string(info.param.name); });
+    CaseName());
 
 TEST_F(Signatures, DdaHashesTheDdolDataWhenThereIsSome) {
     StoreIccKey();
@@ -370,8 +369,7 @@ TEST_F(InternalAuthenticate, AResponseLongerThanItsBufferIsRefused) {
 
 // ---- CAM selection -----------------------------------------------------------------------
 
-struct Selection {
-    const char *name;
+struct Selection : NamedCase {
     const char *aip;           // "" absent
     const char *capabilities;  // 9F9301
     bool authentication;       // option 0x10 and the transaction type listed
@@ -563,12 +561,11 @@ INSTANTIATE_TEST_SUITE_P(
                   0,
                   "8000000000",
                   0x1610}),
-    [](const auto &info) { return std::string(info.param.name); });
+    CaseName());
 
 // ---- CAM checking ------------------------------------------------------------------------
 
-struct Checking {
-    const char *name;
+struct Checking : NamedCase {
     uint8_t indicator;
     const char *cid;  // "" absent
     uint8_t ttpi2;
@@ -622,7 +619,7 @@ INSTANTIATE_TEST_SUITE_P(
         Checking{"SdaInTheAuthenticationFlowSetsTheTvr", 1, "80", 0, true, "80", "4000000000"},
         Checking{"DdaSetsTheTvr", 3, "80", 0, true, "80", "0800000000"},
         Checking{"NothingSelected", 0, "40", 0, false, "40", "0000000000"}),
-    [](const auto &info) { return std::string(info.param.name); });
+    CaseName());
 
 // An authentication-only transaction type marks a failed SDA in the TVR even
 // where the reader does not run the authentication-only flow; the CID stays.
