@@ -499,13 +499,6 @@ TEST(DataCompare, DigitsEndAtTheFirstF) {
     }
 }
 
-TEST_F(Recovery, HashCompareIsSha1OfTheInput) {
-    const Bytes data = FromHex("0102030405");
-    const Bytes digest = backend.Sha1(data);
-    EXPECT_EQ(VelkCless_Hash_Compare(data.data(), 5, digest.data()), 0u);
-    EXPECT_EQ(VelkCless_Hash_Compare(data.data(), 4, digest.data()), 0x31307u);
-}
-
 // ---- Keys and certificates too large or too small for their areas ------------------------
 
 TEST_F(Recovery, KeysOutsideTheirAreasAreRefusedBeforeAnyRsaCall) {

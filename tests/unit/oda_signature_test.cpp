@@ -293,10 +293,6 @@ TEST_F(Cda, TheFirstHashIsOverTheUnpredictableNumber) {
     Put(0x9F4B,
         Sdad(pki::CdaDynamicData(kNumber, 0x40, kAc, TransactionHash()), FromHex("11223345")));
     EXPECT_EQ(VelkCless_ODA_CDA_Dynamic_Signature_Verification(), 0x44455u);
-    Put(0x9F4B,
-        Sdad(pki::CdaDynamicData(FromHex("010203040506070809"), 0x40, kAc, TransactionHash()),
-             kUn));
-    EXPECT_EQ(VelkCless_ODA_CDA_Dynamic_Signature_Verification(), 0x44456u);
 }
 
 // ---- INTERNAL AUTHENTICATE ------------------------------------------------------------------
