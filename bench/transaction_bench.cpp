@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "baseKernel.h"
@@ -221,23 +222,18 @@ uint32_t LeanCallback(uint8_t *buffer, uint32_t *len) {
     HostCall call;
     LeanHost &h = g_host;
     uint8_t *df00 = TLV_FindTag(buffer, 0xDF00);
-    switch (df00 == nullptr ? 0 : TLV_GetValue(df00)[0]) {
-        case VELK_CMD_ICS_PARAMS:
-            Put(buffer, len, h.ics);
-            return 0;
-        case VELK_CMD_UNPREDICTABLE_NUMBER:
-            Put(buffer, len, h.un);
-            return 0;
-        case VELK_CMD_CA_KEY:
-            Put(buffer, len, h.caKey);
-            return 0;
-        case VELK_CMD_REVOCATION:
-            Put(buffer, len, h.revocation);
-            return 0;
-        case VELK_CMD_AID_PARAMS:
-        case VELK_CMD_EXCEPTION_FILE:
-            Put(buffer, len, h.empty);
-            return 0;
+    const uint8_t command = df00 == nullptr ? 0 : TLV_GetValue(df00)[0];
+    // Requests answered with a prepared reply.
+    const std::pair<uint8_t, const Bytes *> fixed[] = {
+        {VELK_CMD_ICS_PARAMS, &h.ics},   {VELK_CMD_UNPREDICTABLE_NUMBER, &h.un},
+        {VELK_CMD_CA_KEY, &h.caKey},     {VELK_CMD_REVOCATION, &h.revocation},
+        {VELK_CMD_AID_PARAMS, &h.empty}, {VELK_CMD_EXCEPTION_FILE, &h.empty}};
+    for (const auto &[cmd, reply] : fixed) {
+        if (cmd != command) continue;
+        Put(buffer, len, *reply);
+        return 0;
+    }
+    switch (command) {
         case VELK_CMD_STORE_CONTEXT: {
             uint8_t *ctx = TLV_FindTag(buffer, 0x7F15);
             h.context =

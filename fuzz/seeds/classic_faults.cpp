@@ -132,7 +132,6 @@ TEST(Seeds, TwoEntries) {
                                 FromHex("6985")};
     std::deque<Reply> first(replies.begin(), replies.end());
     host.On(VELK_CMD_APDU, [&](const Message &) {
-        std::deque<Bytes> fromSecond;
         if (!first.empty()) {
             const Reply r = first.front();
             first.pop_front();
