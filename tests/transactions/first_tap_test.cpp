@@ -296,6 +296,39 @@ INSTANTIATE_TEST_SUITE_P(Tags, FirstTapMandatoryData,
                                            MissingData{"ConfiguredTagLeftOut", 0x5F25, "5F25"}),
                          CaseName());
 
+// ---- The kernel's own tags from the card ---------------------------------------------
+
+// A card that sends the reader's TAC Denial (9F8246) of all zeros, from any of
+// its templates, must not lift the reader's denial of "offline data
+// authentication not performed".
+struct KernelTagFromCard : NamedCase {
+    std::function<void(FirstTap &, const Bytes &)> send;
+};
+
+class FirstTapKernelTag : public ::testing::TestWithParam<KernelTagFromCard> {};
+
+TEST_P(FirstTapKernelTag, IsIgnored) {
+    ScriptedHost host;
+    FirstTap tap;
+    tap.reader.tacDenial = "8000000000";
+    tap.gacP1 = 0x00;
+    tap.card.cid = "00";
+    GetParam().send(tap, T(0x9F8246, "0000000000"));
+    const TapResult r = tap.Run(host);
+    EXPECT_EQ(ToHex(r.ops), kDeclined);
+    EXPECT_TRUE(host.CardDone());
+    EXPECT_EQ(Db(0x9F8246), "8000000000");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Templates, FirstTapKernelTag,
+    ::testing::Values(
+        KernelTagFromCard{"Gpo", [](FirstTap &t, const Bytes &b) { t.card.gpoExtra = {b}; }},
+        KernelTagFromCard{"Record", [](FirstTap &t, const Bytes &b) { t.card.record1Extra = {b}; }},
+        KernelTagFromCard{"GenerateAc",
+                          [](FirstTap &t, const Bytes &b) { t.card.gacExtra = {b}; }}),
+    CaseName());
+
 // ---- Restrictions, verification, risk management, action analysis -------------------
 
 struct TvrCase : NamedCase {
