@@ -62,26 +62,20 @@ TEST_P(HeaderDecoding, TagAndLengthAsTheCodecReadsThem) {
     EXPECT_EQ(l2, c.tagLen);
 }
 
-// clang-format off
 INSTANTIATE_TEST_SUITE_P(
     Codec, HeaderDecoding,
     ::testing::Values(
         HeaderCase{"9F 02 06 00 00 00 00 01 00", 0x9F02, 2, 6, 1},
-        HeaderCase{"DF 81 29 08", 0xDF8129, 3, 8, 1},
-        HeaderCase{"FF 81 05 00", 0xFF8105, 3, 0, 1},
+        HeaderCase{"DF 81 29 08", 0xDF8129, 3, 8, 1}, HeaderCase{"FF 81 05 00", 0xFF8105, 3, 0, 1},
         // 80 does not continue a tag
-        HeaderCase{"9F 80 05", 0x9F80, 2, 5, 1},
-        HeaderCase{"DF 81 80 05", 0xDF8180, 3, 5, 1},
+        HeaderCase{"9F 80 05", 0x9F80, 2, 5, 1}, HeaderCase{"DF 81 80 05", 0xDF8180, 3, 5, 1},
         HeaderCase{"DF 81 82 83 01", 0xDF818283, 4, 1, 1},
         // the fourth tag byte is never tested
-        HeaderCase{"DF 81 82 FF 01", 0xDF8182FF, 4, 1, 1},
-        HeaderCase{"5A 81 80", 0x5A, 1, 128, 2},
+        HeaderCase{"DF 81 82 FF 01", 0xDF8182FF, 4, 1, 1}, HeaderCase{"5A 81 80", 0x5A, 1, 128, 2},
         HeaderCase{"5A 82 01 00", 0x5A, 1, 256, 3},
         HeaderCase{"5A 83 01 00 00", 0x5A, 1, 0x10000, 4},
         // 84 reads as 83: three length bytes, the fourth left unread
-        HeaderCase{"5A 84 00 00 01 00", 0x5A, 1, 1, 4},
-        HeaderCase{"5A 80", 0x5A, 1, 0, 1}));
-// clang-format on
+        HeaderCase{"5A 84 00 00 01 00", 0x5A, 1, 1, 4}, HeaderCase{"5A 80", 0x5A, 1, 0, 1}));
 
 TEST(CodecDecoding, PaddingAndNullPointers) {
     const Bytes pad = FromHex("00 5A");
