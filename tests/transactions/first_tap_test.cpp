@@ -107,14 +107,6 @@ TEST(FirstTap, PdolEntriesAbsentFromTheDatabaseAreZeros) {
     EXPECT_EQ(Db(0x9F8210), "00000000000000000100");
 }
 
-TEST(FirstTap, PdolAskingMoreThanTheCommandCanCarrySendsEmptyData) {
-    ScriptedHost host;
-    FirstTap tap;
-    tap.card.pdol = "9F7AFF 9F7BFF";
-    tap.gpoCommand = FromHex("80A800000283 00 00");
-    EXPECT_EQ(ToHex(tap.Run(host).ops), kApproved);
-}
-
 TEST(FirstTap, WithoutPdolTheNextApplicationIsSelected) {
     ScriptedHost host;
     FirstTap tap;
@@ -153,7 +145,12 @@ INSTANTIATE_TEST_SUITE_P(
                       GpoFailure{"AflMissing", "7704 82021800 9000"},
                       GpoFailure{"AipOfLength3", "770B 8203180000 940408010200 9000"},
                       GpoFailure{"DuplicateAip", "770E 82021800 82021800 940408010200 9000"},
-                      GpoFailure{"StatusWord6985", "6985"}, GpoFailure{"NoStatusWord", "77"}),
+                      GpoFailure{"StatusWord6985", "6985"}, GpoFailure{"NoStatusWord", "77"},
+                      GpoFailure{"Empty", ""},
+                      GpoFailure{"LengthShorterThanData", "7705 82020000 9400 9000"},
+                      GpoFailure{"ChildPassesTemplate", "7706 82020000 9402 9000"},
+                      GpoFailure{"DuplicateAfl", "7708 9400 82020000 9400 9000"},
+                      GpoFailure{"OnlyTerminalDataAndAfl", "7707 9F02020000 9400 9000"}),
     CaseName());
 
 TEST(FirstTap, GpoResponseLongerThanItsBufferEndsTheApplication) {
@@ -296,6 +293,39 @@ INSTANTIATE_TEST_SUITE_P(Tags, FirstTapMandatoryData,
                                            MissingData{"ConfiguredTagLeftOut", 0x5F25, "5F25"}),
                          CaseName());
 
+// ---- The kernel's own tags from the card ---------------------------------------------
+
+// A card that sends the reader's TAC Denial (9F8246) of all zeros, from any of
+// its templates, must not lift the reader's denial of "offline data
+// authentication not performed".
+struct KernelTagFromCard : NamedCase {
+    std::function<void(FirstTap &, const Bytes &)> send;
+};
+
+class FirstTapKernelTag : public ::testing::TestWithParam<KernelTagFromCard> {};
+
+TEST_P(FirstTapKernelTag, IsIgnored) {
+    ScriptedHost host;
+    FirstTap tap;
+    tap.reader.tacDenial = "8000000000";
+    tap.gacP1 = 0x00;
+    tap.card.cid = "00";
+    GetParam().send(tap, T(0x9F8246, "0000000000"));
+    const TapResult r = tap.Run(host);
+    EXPECT_EQ(ToHex(r.ops), kDeclined);
+    EXPECT_TRUE(host.CardDone());
+    EXPECT_EQ(Db(0x9F8246), "8000000000");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Templates, FirstTapKernelTag,
+    ::testing::Values(
+        KernelTagFromCard{"Gpo", [](FirstTap &t, const Bytes &b) { t.card.gpoExtra = {b}; }},
+        KernelTagFromCard{"Record", [](FirstTap &t, const Bytes &b) { t.card.record1Extra = {b}; }},
+        KernelTagFromCard{"GenerateAc",
+                          [](FirstTap &t, const Bytes &b) { t.card.gacExtra = {b}; }}),
+    CaseName());
+
 // ---- Restrictions, verification, risk management, action analysis -------------------
 
 struct TvrCase : NamedCase {
@@ -323,67 +353,26 @@ TEST_P(FirstTapTvr, FindingsReachGenerateAc) {
     EXPECT_EQ(Db(0x9F34), GetParam().cvmResults);
 }
 
+// clang-format off
 INSTANTIATE_TEST_SUITE_P(
     Findings, FirstTapTvr,
-    ::testing::Values(TvrCase{"Expired", [](FirstTap &t) { t.card.expiry = "241231"; },
-                              "8040000000", 0x40, "3F0000"},
-                      TvrCase{"ExpiredDenied",
-                              [](FirstTap &t) {
-                                  t.card.expiry = "241231";
-                                  t.reader.tacDenial = "0040000000";
-                              },
-                              "8040000000", 0x00, "3F0000"},
-                      TvrCase{"NotYetEffective", [](FirstTap &t) { t.card.effective = "250102"; },
-                              "8020000000", 0x40, "3F0000"},
-                      TvrCase{"VersionsDiffer", [](FirstTap &t) { t.card.version = "0003"; },
-                              "8080000000", 0x40, "3F0000"},
-                      TvrCase{"ServiceNotAllowed", [](FirstTap &t) { t.card.auc = "FFD7"; },
-                              "8000000000", 0x40, "3F0000"},
-                      TvrCase{"ServiceNotAllowedDomestic", [](FirstTap &t) { t.card.auc = "D700"; },
-                              "8010000000", 0x40, "3F0000"},
-                      TvrCase{"SignatureAboveTheCvmLimit",
-                              [](FirstTap &t) { t.purchase.amount = "000000006000"; }, "8000000000",
-                              0x40, "1E0300"},
-                      TvrCase{"OnlinePinGoesOnline",
-                              [](FirstTap &t) {
-                                  t.purchase.amount = "000000006000";
-                                  t.card.cvmList = "00000000 00000000 0203 1E03";
-                                  t.reader.tacOnline = "0000040000";
-                              },
-                              "8000040000", 0x80, "020300"},
-                      TvrCase{"NoRuleApplies",
-                              [](FirstTap &t) {
-                                  t.purchase.amount = "000000006000";
-                                  t.card.cvmList = "00000000 00000000 0103 0600";
-                              },
-                              "8000C00000", 0x40, "3F0001"},
-                      TvrCase{"CvmListMissing",
-                              [](FirstTap &t) { t.card.cvmList = "0000000000000000"; },
-                              "A000000000", 0x40, "3F0000"},
-                      TvrCase{"FloorLimitExceeded",
-                              [](FirstTap &t) {
-                                  t.purchase.amount = "000000010000";
-                                  t.card.cvmList = "00000000 00000000 1E00";
-                                  t.reader.tacOnline = "0000008000";
-                              },
-                              "8000008000", 0x80, "1E0000"},
-                      TvrCase{"RandomlySelected",
-                              [](FirstTap &t) {
-                                  t.reader.extra = {T(0x9F8243, "99"), T(0x9F8242, "99"),
-                                                    T(0x9F8244, "000000000000")};
-                                  t.reader.tacOnline = "0000001000";
-                              },
-                              "8000001000", 0x80, "3F0000"},
-                      TvrCase{"TerminalTypeOnlineOnly",
-                              [](FirstTap &t) { t.reader.terminalType = "21"; }, "8000000000", 0x80,
-                              "3F0000"},
-                      TvrCase{"TerminalTypeOfflineOnlyDefault",
-                              [](FirstTap &t) {
-                                  t.reader.terminalType = "26";
-                                  t.card.iacDefault = "8000000000";
-                              },
-                              "8000000000", 0x00, "3F0000"}),
+    ::testing::Values(
+        TvrCase{"Expired", [](FirstTap &t) { t.card.expiry = "241231"; }, "8040000000", 0x40, "3F0000"},
+        TvrCase{"ExpiredDenied", [](FirstTap &t) { t.card.expiry = "241231"; t.reader.tacDenial = "0040000000"; }, "8040000000", 0x00, "3F0000"},
+        TvrCase{"NotYetEffective", [](FirstTap &t) { t.card.effective = "250102"; }, "8020000000", 0x40, "3F0000"},
+        TvrCase{"VersionsDiffer", [](FirstTap &t) { t.card.version = "0003"; }, "8080000000", 0x40, "3F0000"},
+        TvrCase{"ServiceNotAllowed", [](FirstTap &t) { t.card.auc = "FFD7"; }, "8000000000", 0x40, "3F0000"},
+        TvrCase{"ServiceNotAllowedDomestic", [](FirstTap &t) { t.card.auc = "D700"; }, "8010000000", 0x40, "3F0000"},
+        TvrCase{"SignatureAboveTheCvmLimit", [](FirstTap &t) { t.purchase.amount = "000000006000"; }, "8000000000", 0x40, "1E0300"},
+        TvrCase{"OnlinePinGoesOnline", [](FirstTap &t) { t.purchase.amount = "000000006000"; t.card.cvmList = "00000000 00000000 0203 1E03"; t.reader.tacOnline = "0000040000"; }, "8000040000", 0x80, "020300"},
+        TvrCase{"NoRuleApplies", [](FirstTap &t) { t.purchase.amount = "000000006000"; t.card.cvmList = "00000000 00000000 0103 0600"; }, "8000C00000", 0x40, "3F0001"},
+        TvrCase{"CvmListMissing", [](FirstTap &t) { t.card.cvmList = "0000000000000000"; }, "A000000000", 0x40, "3F0000"},
+        TvrCase{"FloorLimitExceeded", [](FirstTap &t) { t.purchase.amount = "000000010000"; t.card.cvmList = "00000000 00000000 1E00"; t.reader.tacOnline = "0000008000"; }, "8000008000", 0x80, "1E0000"},
+        TvrCase{"RandomlySelected", [](FirstTap &t) { t.reader.extra = {T(0x9F8243, "99"), T(0x9F8242, "99"), T(0x9F8244, "000000000000")}; t.reader.tacOnline = "0000001000"; }, "8000001000", 0x80, "3F0000"},
+        TvrCase{"TerminalTypeOnlineOnly", [](FirstTap &t) { t.reader.terminalType = "21"; }, "8000000000", 0x80, "3F0000"},
+        TvrCase{"TerminalTypeOfflineOnlyDefault", [](FirstTap &t) { t.reader.terminalType = "26"; t.card.iacDefault = "8000000000"; }, "8000000000", 0x00, "3F0000"}),
     CaseName());
+// clang-format on
 
 TEST(FirstTap, VelocityChecksReadTheCountersBeforeGenerateAc) {
     ScriptedHost host;
@@ -479,26 +468,28 @@ TEST(FirstTap, GenerateAcResponseLongerThanItsBufferEndsTheApplication) {
     EXPECT_EQ(ToHex(r.ops), kEndApplication);
 }
 
-TEST(FirstTap, TcAskedAndAacGivenTriesAnotherInterface) {
+struct GacEnding : NamedCase {
+    const char *cid;
+    std::vector<Bytes> extra;  // in the GENERATE AC response
+    const char *ops;
+};
+
+class FirstTapGacEnding : public ::testing::TestWithParam<GacEnding> {};
+
+TEST_P(FirstTapGacEnding, CardDecidesAfterGenerateAc) {
     ScriptedHost host;
     FirstTap tap;
-    tap.card.cid = "00";
-    EXPECT_EQ(ToHex(tap.Run(host).ops), kTryOtherInterface);
+    tap.card.cid = GetParam().cid;
+    tap.card.gacExtra = GetParam().extra;
+    EXPECT_EQ(ToHex(tap.Run(host).ops), GetParam().ops);
 }
 
-TEST(FirstTap, C5InTheGenerateAcResponseAsksForAnotherInterface) {
-    ScriptedHost host;
-    FirstTap tap;
-    tap.card.gacExtra = {T(0xC5, "20")};
-    EXPECT_EQ(ToHex(tap.Run(host).ops), kTryOtherInterface);
-}
-
-TEST(FirstTap, OnDeviceCvmAskedInTheGenerateAcResponse) {
-    ScriptedHost host;
-    FirstTap tap;
-    tap.card.gacExtra = {T(0xC5, "04")};
-    EXPECT_EQ(ToHex(tap.Run(host).ops), kOnDeviceCvm);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Ccid, FirstTapGacEnding,
+    ::testing::Values(GacEnding{"TcAskedAndAacGiven", "00", {}, kTryOtherInterface},
+                      GacEnding{"TryOtherInterfaceInC5", "40", {T(0xC5, "20")}, kTryOtherInterface},
+                      GacEnding{"OnDeviceCvmInC5", "40", {T(0xC5, "04")}, kOnDeviceCvm}),
+    CaseName());
 
 TEST(FirstTap, CommunicationErrorDuringGenerateAc) {
     ScriptedHost host;

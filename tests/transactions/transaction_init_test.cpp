@@ -244,26 +244,18 @@ void PrintTo(const IndicatorCase &c, std::ostream *os) {
     *os << c.name;
 }
 
+// clang-format off
 std::vector<IndicatorCase> IndicatorCases() {
     return {
-        {"BelowEveryLimit",
-         "000000000100",
-         {T(0x9F8208, "000000010000"), T(0x9F820A, "000000010000"), T(0x9F8209, "000000010000")},
-         0x00,
-         0x04,
-         0x00},
+        {"BelowEveryLimit", "000000000100", {T(0x9F8208, "000000010000"), T(0x9F820A, "000000010000"), T(0x9F8209, "000000010000")}, 0x00, 0x04, 0x00},
         {"AtTheFloorLimit", "000000000100", {T(0x9F820A, "000000000100")}, 0x10, 0x84, 0x80},
         {"AtTheFloorLimitFrom9F1B", "000000000100", {T(0x9F1B, "00000064")}, 0x10, 0x84, 0x80},
         {"AtTheCvmLimit", "000000000100", {T(0x9F8209, "000000000100")}, 0x20, 0x44, 0x00},
-        {"OneUnitWithStatusCheck",
-         "000000000100",
-         {T(0x9F8221, "01"), T(0x5F36, "02")},
-         0x80,
-         0x24,
-         0x00},
+        {"OneUnitWithStatusCheck", "000000000100", {T(0x9F8221, "01"), T(0x5F36, "02")}, 0x80, 0x24, 0x00},
         {"ZeroAmount", "000000000000", {}, 0x40, 0x14, 0x00},
         {"AtTheTransactionLimit", "000000000100", {T(0x9F8208, "000000000100")}, 0x08, 0x04, 0x00},
-    };
+        };
+    // clang-format on
 }
 
 class Indicators : public ::testing::TestWithParam<IndicatorCase> {};

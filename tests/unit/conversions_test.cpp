@@ -158,15 +158,5 @@ TEST(Conversions, LongToBcdIsRightAligned) {
                              {99, 0, ""}});
 }
 
-TEST(Conversions, RoundTripsBetweenNumbersAndFields) {
-    for (uint32_t v : {0u, 1u, 99u, 100u, 65535u, 123456789u, 4294967295u}) {
-        uint8_t bcd[6], hex[4];
-        Long_To_Bcd(bcd, sizeof bcd, &v);
-        Long_to_Hex(hex, sizeof hex, &v);
-        EXPECT_EQ(Bcd_To_Long(bcd, 2 * sizeof bcd), v);
-        EXPECT_EQ(Hex_To_Long(hex, sizeof hex), v);
-    }
-}
-
 }  // namespace
 }  // namespace velk::test

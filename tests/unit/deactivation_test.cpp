@@ -26,20 +26,6 @@ protected:
     StepHost host_;
 };
 
-TEST_F(Balance, ReadsBothElements) {
-    Put(0x9F27, "40");
-    host_.Respond("9F5006000000001234 9000");
-    host_.Respond("0000FF CD020978 9000");
-    EXPECT_EQ(Run(), 0u);
-    ASSERT_EQ(host_.apdus.size(), 2u);
-    EXPECT_EQ(Hex(host_.apdus[0]), "80CA9F5000");
-    EXPECT_EQ(Hex(host_.apdus[1]), "80CA00CD00");
-    EXPECT_EQ(Db(0x9F50), "000000001234");
-    EXPECT_EQ(Db(0xCD), "0978");
-    EXPECT_TRUE(CardReadShown());
-    EXPECT_EQ(Step(), 0x1620u);
-}
-
 TEST_F(Balance, RefusalsAndBadAnswersLeaveTheBalanceOut) {
     struct Row {
         const char *first;
@@ -104,18 +90,21 @@ TEST_P(BalanceStep, MessageAndNextStep) {
     EXPECT_EQ(Step(), c.step);
 }
 
+// clang-format off
 INSTANTIATE_TEST_SUITE_P(
     Cases, BalanceStep,
-    ::testing::Values(StepCase{"TcChecksOda", "40", "00", "00000000", true, 0x1620},
-                      StepCase{"ArqcDeactivates", "80", "00", "00000000", true, 0x2900},
-                      StepCase{"AacDeactivates", "00", "00", "00000000", true, 0x2900},
-                      StepCase{"ArqcOdaAnyway", "80", "00", "00000001", true, 0x1620},
-                      StepCase{"LongTapHoldsTheMessage", "80", "04", "00000000", false, 0x2900},
-                      StepCase{"LongTapOdaAnyway", "80", "04", "00000001", false, 0x1620},
-                      StepCase{"LongTapNoCid", nullptr, "04", "00000000", false, 0x2900},
-                      StepCase{"LongTapOptionTcShowsIt", "40", "04", "00000000", true, 0x1620},
-                      StepCase{"LongTapOptionAacShowsIt", "00", "04", "00000000", true, 0x2900}),
+    ::testing::Values(
+        StepCase{"TcChecksOda", "40", "00", "00000000", true, 0x1620},
+        StepCase{"ArqcDeactivates", "80", "00", "00000000", true, 0x2900},
+        StepCase{"AacDeactivates", "00", "00", "00000000", true, 0x2900},
+        StepCase{"ArqcOdaAnyway", "80", "00", "00000001", true, 0x1620},
+        StepCase{"LongTapHoldsTheMessage", "80", "04", "00000000", false, 0x2900},
+        StepCase{"LongTapOdaAnyway", "80", "04", "00000001", false, 0x1620},
+        StepCase{"LongTapNoCid", nullptr, "04", "00000000", false, 0x2900},
+        StepCase{"LongTapOptionTcShowsIt", "40", "04", "00000000", true, 0x1620},
+        StepCase{"LongTapOptionAacShowsIt", "00", "04", "00000000", true, 0x2900}),
     CaseName());
+// clang-format on
 
 TEST_F(Balance, AuthenticationOnlyShowsTheMessage) {
     Put(0x9F9302, "14");
@@ -159,6 +148,7 @@ TEST_P(DeActivation, Outcome) {
         EXPECT_EQ(Hex(&kernel_.g().FinalOutCome.ucStatus, 1), c.status);
 }
 
+// clang-format off
 INSTANTIATE_TEST_SUITE_P(
     Cases, DeActivation,
     ::testing::Values(
@@ -173,35 +163,13 @@ INSTANTIATE_TEST_SUITE_P(
         EndCase{"OnlineRequest", "80", 0x80, nullptr, "00", "000000", 0, "30"},
         EndCase{"OnlineTap", "80", 0x80, "08", "02", "000080", 0x2220, nullptr},
         EndCase{"OnlineTapNeedsCapability", "80", 0x80, "08", "02", "000000", 0, "30"},
-        EndCase{"LongTapWhenOnlineTapNotCapable", "80", 0x80, "08", "06", "000010", 0x2210,
-                nullptr},
+        EndCase{"LongTapWhenOnlineTapNotCapable", "80", 0x80, "08", "06", "000010", 0x2210, nullptr},
         EndCase{"LongTap", "80", 0x40, nullptr, "04", "000010", 0x2210, nullptr},
         EndCase{"LongTapNeedsCapability", "80", 0x80, nullptr, "04", "000000", 0, "30"},
         EndCase{"OnlineTapWinsOverLongTap", "80", 0x80, "0A", "06", "000090", 0x2220, nullptr},
-        EndCase{"AuthenticationOptionAloneChangesNothing", "80", 0x80, nullptr, "10", "00000040", 0,
-                "30"}),
+        EndCase{"AuthenticationOptionAloneChangesNothing", "80", 0x80, nullptr, "10", "00000040", 0, "30"}),
     CaseName());
-
-TEST_F(KernelTest, DeActivationOutcomesInFull) {
-    StepHost host;
-    Put(0x9F27, "40");
-    VelkCless_Set_Terminal_Action_Analysis_Result(0x40);
-    VelkCless_SetCVM(0x10);
-    EXPECT_EQ(VelkCless_Kernel_De_Activation(), 0u);
-    EXPECT_EQ(Outcome(), "10F0F010A8F0FF00");  // signature: receipt
-    VelkCless_SetCVM(0x00);
-    EXPECT_EQ(VelkCless_Kernel_De_Activation(), 0u);
-    EXPECT_EQ(Outcome(), "10F0F000A0F0FF00");
-    Put(0x9F27, "00");
-    EXPECT_EQ(VelkCless_Kernel_De_Activation(), 0u);
-    EXPECT_EQ(Outcome(), "20F0F0F0A0F0FF00");  // decline with its data record
-    Put(0x9F27, "80");
-    VelkCless_Set_Terminal_Action_Analysis_Result(0x80);
-    VelkCless_SetCVM(0x20);
-    EXPECT_EQ(VelkCless_Kernel_De_Activation(), 0u);
-    EXPECT_EQ(Outcome(), "30F0F020A0F0FF00");
-    EXPECT_EQ(kernel_.g().UIRD.ucMessageIdentifier, 0x09);  // online PIN
-}
+// clang-format on
 
 TEST_F(KernelTest, AuthenticationOnlyEndsWithItsOwnOutcome) {
     Put(0x9F9302, "10");

@@ -36,18 +36,6 @@ TEST(EntryBinding, TheMinimumBlockIsTheRecordAnd10204BytesOn32BitTargets) {
     }
 }
 
-uint32_t NoCallback(uint8_t *, uint32_t *) {
-    return 0;
-}
-
-TEST(EntryCallback, TheLengthArgumentIsIgnoredAndTheBufferIsTheKernels2048Bytes) {
-    EXPECT_EQ(Kernel_load_callback_Routine_VELK_(NoCallback, 17), 0u);
-    ASSERT_EQ(pgbVelkInterface, &gbVelkInterface);
-    EXPECT_EQ(gbVelkInterface.CallbackFucntion, &NoCallback);
-    EXPECT_EQ(gbVelkInterface.pCallback_Exchange_Buffer, g_auchCallbackBuffer);
-    EXPECT_EQ(gbVelkInterface.uiMaxCallback_Exchange_BufferLen, 2048u);
-}
-
 TEST_F(KernelTest, ProprietaryTagSetterChangesNothing) {
     std::array<uint8_t, VELK_LOCAL_PARAM_MIN_LEN> before{};
     std::memcpy(before.data(), kernel_.block(), before.size());
@@ -105,13 +93,6 @@ TEST(SignalQueueWithoutRecord, WritingYieldsOneAndReceivingZero) {
     EXPECT_EQ(EMV_Queue_isEmpty(nullptr), 1u);
     EXPECT_EQ(EMV_Queue_isFull(nullptr), 1u);
     pgbVelkGlobalValue = saved;
-}
-
-TEST_F(KernelTest, PreProcessingIndicatorsAreOredAndReadThroughAMask) {
-    VelkCless_Set_Contactless_PreProcessing_Indicators(0x80);
-    VelkCless_Set_Contactless_PreProcessing_Indicators(0x40);
-    EXPECT_EQ(VelkCless_Get_Contactless_PreProcessing_Indicators(0x80), 0x80);
-    EXPECT_EQ(VelkCless_Get_Contactless_PreProcessing_Indicators(0x20), 0x00);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The common layer's wrappers over the platform table: what each selector
-// reaches and that arguments pass unchanged. pemv_kn_glb is pointed at a
+// The common layer's crypto wrappers over the platform table: what each
+// selector reaches and that arguments pass unchanged. pemv_kn_glb is pointed at a
 // recording table for the duration of each test, so this runs on every
 // platform.
 #include <gtest/gtest.h>
@@ -16,19 +16,7 @@
 namespace velk::test {
 namespace {
 
-enum Member {
-    kMemset,
-    kMemcpy,
-    kMemcmp,
-    kStrlen,
-    kRsaDec,
-    kRsaEnc,
-    kSha1,
-    kDesDec,
-    kDesEnc,
-    kAesDec,
-    kAesEnc
-};
+enum Member { kRsaDec, kRsaEnc, kSha1, kDesDec, kDesEnc, kAesDec, kAesEnc };
 
 // One call into the table: the member, its pointer arguments in order and its
 // integer arguments in order.
@@ -69,27 +57,8 @@ int Aes(const uint8_t *key, uint32_t keyLen, const uint8_t *in, uint32_t inLen, 
     return Answer(M);
 }
 
-uint8_t g_sentinel;
-void *MemsetRec(void *dest, int value, int count) {
-    g_calls.push_back(
-        {kMemset, {dest}, {static_cast<uint32_t>(value), static_cast<uint32_t>(count)}});
-    return &g_sentinel;
-}
-void *MemcpyRec(void *dest, const void *src, int count) {
-    g_calls.push_back({kMemcpy, {dest, src}, {static_cast<uint32_t>(count)}});
-    return &g_sentinel;
-}
-int MemcmpRec(const void *a, const void *b, int count) {
-    g_calls.push_back({kMemcmp, {a, b}, {static_cast<uint32_t>(count)}});
-    return -Answer(kMemcmp);
-}
-int StrlenRec(const char *s) {
-    g_calls.push_back({kStrlen, {s}, {}});
-    return Answer(kStrlen);
-}
-
 emv_kn_glb_t g_recording = {
-    {MemsetRec, MemcpyRec, MemcmpRec, StrlenRec, nullptr},
+    {},
     {Rsa<kRsaDec>, Rsa<kRsaEnc>, Sha, Des<kDesDec>, Des<kDesEnc>, Aes<kAesDec>, Aes<kAesEnc>},
     nullptr,
     0,
@@ -186,31 +155,6 @@ TEST_F(PlatformWrappers, RsaWrappersAndTheKernelEntryPointPassEverythingUnchange
     EXPECT_EQ(g_calls, (std::vector<Call>{{kRsaEnc, {key_, iv_, in_, out_}, {24, 3, 16}},
                                           {kRsaDec, {key_, iv_, in_, out_}, {24, 8, 15}},
                                           {kRsaEnc, {key_, iv_, in_, out_}, {20, 1, 14}}}));
-}
-
-TEST_F(PlatformWrappers, KernelSha1RequestsSelectorOne) {
-    Velk_SHA1_Compute(in_, 5, out_);
-    EXPECT_EQ(g_calls, (std::vector<Call>{{kSha1, {in_, out_}, {5}}}));
-}
-
-TEST_F(PlatformWrappers, MemoryWrappersReturnTheMembersResults) {
-    char text[] = "abc";
-    EXPECT_EQ(Memset_(out_, 0x5A, 7), &g_sentinel);
-    EXPECT_EQ(Memcpy_(out_, in_, 9), &g_sentinel);
-    EXPECT_EQ(Memcmp_(out_, in_, 3), -Answer(kMemcmp));
-    EXPECT_EQ(Strlen_(text), Answer(kStrlen));
-    EXPECT_EQ(g_calls, (std::vector<Call>{{kMemset, {out_}, {0x5A, 7}},
-                                          {kMemcpy, {out_, in_}, {9}},
-                                          {kMemcmp, {out_, in_}, {3}},
-                                          {kStrlen, {text}, {}}}));
-}
-
-TEST_F(PlatformWrappers, PrintfAndSprintfTouchNothing) {
-    char buffer[16] = "untouched";
-    EXPECT_EQ(Printf_("%s %d\n", "x", 5), 0);
-    EXPECT_EQ(Sprintf_(buffer, "%s", "overwritten?"), 0);
-    EXPECT_STREQ(buffer, "untouched");
-    EXPECT_TRUE(g_calls.empty());
 }
 
 }  // namespace

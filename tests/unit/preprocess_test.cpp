@@ -53,13 +53,13 @@ TEST_P(PreProcessing, SetsItsIndicatorsAndHandsOverToTransactionInitialisation) 
 
 const std::string k100 = "000000000100";
 
+// clang-format off
 INSTANTIATE_TEST_SUITE_P(
     Rules, PreProcessing,
     ::testing::Values(
         Case{"AnOnlineResponseSkipsEverything", {{0x8A, "3030"}}, {{0x9F8208, ""}}, 0x00},
         // No amount: zero; an empty transaction limit converts to 0 and 0 >= 0.
-        Case{
-            "NoAmountIsZero", {}, {{0x9F8208, ""}, {0x9F8209, "000000000000"}}, 0x40 | 0x08 | 0x20},
+        Case{"NoAmountIsZero", {}, {{0x9F8208, ""}, {0x9F8209, "000000000000"}}, 0x40 | 0x08 | 0x20},
         Case{"ZeroAllowedUnless9F8222Is00", {{0x9F02, "000000000000"}}, {{0x9F8222, "00"}}, 0x00},
         Case{"ZeroWith9F8222Set", {{0x9F02, "000000000000"}}, {{0x9F8222, "01"}}, 0x40},
         Case{"ZeroWithEmpty9F8222", {{0x9F02, "000000000000"}}, {{0x9F8222, ""}}, 0x40},
@@ -69,26 +69,17 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"AtTheTransactionLimit", {{0x9F02, k100}}, {{0x9F8208, k100}}, 0x08},
         Case{"AtTheFloorLimit", {{0x9F02, k100}}, {{0x9F820A, k100}}, 0x10},
         Case{"FloorLimitFrom9F1B", {{0x9F02, "000000010000"}}, {{0x9F1B, "00002710"}}, 0x10},
-        Case{
-            "BelowTheFloorLimitFrom9F1B", {{0x9F02, "000000009999"}}, {{0x9F1B, "00002710"}}, 0x00},
-        Case{"EmptyFloorLimitFallsBackTo9F1B",
-             {{0x9F02, "000000010000"}},
-             {{0x9F820A, ""}, {0x9F1B, "00002710"}},
-             0x10},
-        Case{"A9F820AWinsOver9F1B",
-             {{0x9F02, k100}},
-             {{0x9F820A, "000000000200"}, {0x9F1B, "00000001"}},
-             0x00},
-        Case{"AShort9F1BIsReadWithZerosBehind",
-             {{0x9F02, "000100000000"}},
-             {{0x9F1B, "2710"}},
-             0x00},
+        Case{"BelowTheFloorLimitFrom9F1B", {{0x9F02, "000000009999"}}, {{0x9F1B, "00002710"}}, 0x00},
+        Case{"EmptyFloorLimitFallsBackTo9F1B", {{0x9F02, "000000010000"}}, {{0x9F820A, ""}, {0x9F1B, "00002710"}}, 0x10},
+        Case{"A9F820AWinsOver9F1B", {{0x9F02, k100}}, {{0x9F820A, "000000000200"}, {0x9F1B, "00000001"}}, 0x00},
+        Case{"AShort9F1BIsReadWithZerosBehind", {{0x9F02, "000100000000"}}, {{0x9F1B, "2710"}}, 0x00},
         Case{"NoFloorLimitAtAll", {{0x9F02, "999999999999"}}, {}, 0x00},
         Case{"StatusCheckOnOneUnit", {{0x9F02, k100}}, {{0x9F8221, "01"}, {0x5F36, "02"}}, 0x80},
         Case{"StatusCheckOffOnOneUnit", {{0x9F02, k100}}, {{0x9F8221, "00"}, {0x5F36, "02"}}, 0x00},
         Case{"OneUnitWithoutAnExponentIsOne", {{0x9F02, "000000000001"}}, {{0x9F8221, "01"}}, 0x80},
         Case{"AmountsAreUnsigned", {{0x9F02, "004294967295"}}, {{0x9F8208, "004294967294"}}, 0x08}),
     [](const auto &info) { return std::string(info.param.name); });
+// clang-format on
 
 TEST_F(KernelTest, TheUnitOfCurrencyIsTenToTheExponent) {
     EXPECT_EQ(VelkCless_Get_A_Single_Unit_of_Currency_Amount(), 1u);
@@ -109,12 +100,6 @@ TEST_F(KernelTest, TheDatabasesEchoSettingWinsOverTheField) {
     ASSERT_EQ(VelkDataBase_Set_TAG(0x9F9304, 1, &off), 0u);
     EXPECT_EQ(VelkCless_Get_ECHO_Command_supported(), 0);
     EXPECT_EQ(kernel_.g().ECHO_Command_supported, 1);
-}
-
-TEST_F(KernelTest, TheOfflineMethodTravelsAs9F9306) {
-    VelkCless_Set_Offline_CAM_Selected_Indicator(3);
-    EXPECT_EQ(DbHex(0x9F9306), "03");
-    EXPECT_EQ(VelkCless_Get_Offline_CAM_Selected_Indicator(), 3);
 }
 
 }  // namespace

@@ -26,30 +26,7 @@ protected:
     StepHost host_;
 };
 
-TEST_F(Records, ReadsSfi1WithP2OfSfiTimes8Plus4AndCollectsTheTemplateValue) {
-    Put(0x94, "08010101");
-    host_.Respond("700A 5A0212345F24032512319000");
-    EXPECT_EQ(Read(), 0u);
-    ASSERT_EQ(host_.apdus.size(), 1u);
-    EXPECT_EQ(Hex(host_.apdus[0]), "00B2010C00");
-    EXPECT_EQ(Db(0x5A), "1234");
-    EXPECT_EQ(Db(0x5F24), "251231");
-    EXPECT_EQ(Oda(), "5A0212345F2403251231");
-    EXPECT_EQ(OdaNok(), 0);
-}
-
-TEST_F(Records, Sfi11RecordsAreCollectedWholeAndNotStored) {
-    Put(0x94, "58010201");
-    host_.Respond("70045A0212349000");
-    host_.Respond("70045A0256789000");
-    EXPECT_EQ(Read(), 0u);
-    ASSERT_EQ(host_.apdus.size(), 2u);
-    EXPECT_EQ(Hex(host_.apdus[0]), "00B2015C00");
-    EXPECT_EQ(Hex(host_.apdus[1]), "00B2025C00");
-    EXPECT_EQ(Oda(), "70045A021234");
-    EXPECT_FALSE(Has(0x5A));
-}
-
+// SFI 1 and SFI 11 records as they are collected: through a whole tap.
 TEST_F(Records, Sfi11RecordThatIsNotATemplate70IsFlagged) {
     Put(0x94, "58010101");
     host_.Respond("6F045A0212349000");

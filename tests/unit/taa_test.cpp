@@ -51,37 +51,27 @@ constexpr const char *kNone = nullptr;
 const char kClean[] = "0000000000";
 const char kFloor[] = "0000008000";
 
+// clang-format off
 INSTANTIATE_TEST_SUITE_P(
     TerminalTypes, Taa,
     ::testing::Values(
-        TaaCase{"OfflineOnlineCleanTc", "22", kClean, kNone, kNone, kNone, kNone, kNone, kNone,
-                0x40},
-        TaaCase{"OfflineOnlineIacOnlineDefaultArqc", "22", kFloor, kNone, kNone, kNone, kNone,
-                kNone, kNone, 0x80},
-        TaaCase{"OfflineOnlineIacOnlineClearTc", "25", kFloor, kNone, "0000000000", kNone, kNone,
-                kNone, kNone, 0x40},
-        TaaCase{"OfflineOnlineTacOnlineArqc", "25", kFloor, kNone, "0000000000", kNone, kNone,
-                "0000008000", kNone, 0x80},
+        TaaCase{"OfflineOnlineCleanTc", "22", kClean, kNone, kNone, kNone, kNone, kNone, kNone, 0x40},
+        TaaCase{"OfflineOnlineIacOnlineDefaultArqc", "22", kFloor, kNone, kNone, kNone, kNone, kNone, kNone, 0x80},
+        TaaCase{"OfflineOnlineIacOnlineClearTc", "25", kFloor, kNone, "0000000000", kNone, kNone, kNone, kNone, 0x40},
+        TaaCase{"OfflineOnlineTacOnlineArqc", "25", kFloor, kNone, "0000000000", kNone, kNone, "0000008000", kNone, 0x80},
         TaaCase{"OnlineOnlyArqc", "21", kClean, kNone, kNone, kNone, kNone, kNone, kNone, 0x80},
-        TaaCase{"OnlineOnlyUnattendedArqc", "14", kClean, kNone, kNone, kNone, kNone, kNone, kNone,
-                0x80},
-        TaaCase{"OfflineOnlyDefaultAac", "26", kFloor, kNone, kNone, kNone, kNone, kNone, kNone,
-                0x00},
-        TaaCase{"OfflineOnlyDefaultClearTc", "23", kFloor, kNone, kNone, "0000000000", kNone, kNone,
-                kNone, 0x40},
-        TaaCase{"OfflineOnlyTacDefaultAac", "23", kFloor, kNone, kNone, "0000000000", kNone, kNone,
-                "0000008000", 0x00},
+        TaaCase{"OnlineOnlyUnattendedArqc", "14", kClean, kNone, kNone, kNone, kNone, kNone, kNone, 0x80},
+        TaaCase{"OfflineOnlyDefaultAac", "26", kFloor, kNone, kNone, kNone, kNone, kNone, kNone, 0x00},
+        TaaCase{"OfflineOnlyDefaultClearTc", "23", kFloor, kNone, kNone, "0000000000", kNone, kNone, kNone, 0x40},
+        TaaCase{"OfflineOnlyTacDefaultAac", "23", kFloor, kNone, kNone, "0000000000", kNone, kNone, "0000008000", 0x00},
         TaaCase{"DenialByIac", "21", kFloor, "0000008000", kNone, kNone, kNone, kNone, kNone, 0x00},
         TaaCase{"DenialByTac", "22", kFloor, kNone, kNone, kNone, "0000008000", kNone, kNone, 0x00},
-        TaaCase{"OtherNibbleUnchanged", "27", kFloor, kNone, kNone, kNone, kNone, kNone, kNone,
-                0xEE},
-        TaaCase{"NibbleZeroUnchanged", "20", kClean, kNone, kNone, kNone, kNone, kNone, kNone,
-                0xEE},
-        TaaCase{"AbsentTypeUnchanged", kNone, kClean, kNone, kNone, kNone, kNone, kNone, kNone,
-                0xEE},
-        TaaCase{"DenialWinsOverType", "27", kFloor, kNone, kNone, kNone, "0000008000", kNone, kNone,
-                0x00}),
+        TaaCase{"OtherNibbleUnchanged", "27", kFloor, kNone, kNone, kNone, kNone, kNone, kNone, 0xEE},
+        TaaCase{"NibbleZeroUnchanged", "20", kClean, kNone, kNone, kNone, kNone, kNone, kNone, 0xEE},
+        TaaCase{"AbsentTypeUnchanged", kNone, kClean, kNone, kNone, kNone, kNone, kNone, kNone, 0xEE},
+        TaaCase{"DenialWinsOverType", "27", kFloor, kNone, kNone, kNone, "0000008000", kNone, kNone, 0x00}),
     CaseName());
+// clang-format on
 
 class TaaCda : public KernelTest {
 protected:

@@ -115,6 +115,11 @@ uint8_t *FindInSequence(uint8_t *p, uint32_t len, uint32_t tag);
 // 0, or 0x31004 when the tag is absent (*len untouched).
 uint32_t DbGet(uint32_t tag, uint8_t *out, uint32_t cap, uint32_t *len);
 
+// The kernel's own tags (configuration, intermediate results, outcome), which
+// no card source may set; and the check every card source applies.
+bool KernelOwnTag(uint32_t tag);
+bool CardMaySet(uint32_t tag);
+
 // ---- Data records (Database.cpp) ----------------------------------------------
 
 // VelkCless_Create_2ndGAC_OnlineData_DataRecord into a container of cap bytes

@@ -44,6 +44,7 @@ bool StoreGacResponse(uint8_t *tpl, uint32_t len, GacObjects *seen) {
     Children walk = ChildrenOf(tpl);
     for (uint8_t *child = NextChild(walk); child != nullptr; child = NextChild(walk)) {
         const uint32_t tag = TLV_GetTag(child);
+        if (!CardMaySet(tag)) continue;
         const uint32_t n = TLV_GetLen(child);
         const uint8_t *value = ElementValue(child);
         VelkDataBase_Set_TAG(tag, n, value);

@@ -311,16 +311,44 @@ uint8_t VelkCless_Check_MandatoryDataIsMissing(void) {
     return 0;
 }
 
-// Unknown tags are allowed from any source.
+// Unknown tags are allowed from any source, except the kernel's own tags from
+// the card (see velk::KernelOwnTag).
 uint8_t VelkCless_Check_DataResoure_NotAllow(uint32_t uiResoureType, uint32_t tag) {
     const TAGPRPPERITY *row = Row(tag);
-    if (row == nullptr) return 0;
+    if (row == nullptr) return (uiResoureType & TAG_SRC_CARD) != 0 && velk::KernelOwnTag(tag);
     return (uiResoureType & ~(row->property & 0xFF000000u)) != 0;
 }
 
 }  // extern "C"
 
 namespace velk {
+
+// The kernel's configuration (from the host's D1 and D3 replies), its
+// intermediate results and its outcome tags live in the database beside the
+// card's data. None of them has a row in the property table, and a card that
+// sent one (a TAC, a limit, the mandatory list, the CDOL1 data a CDA hash
+// covers) would rewrite the terminal's own decisions: the card may never set
+// them, whatever template carries them.
+bool KernelOwnTag(uint32_t tag) {
+    if (tag == 0xBF70 || tag == 0xBF71) return true;
+    switch (tag >> 8) {
+        case 0x9F81:
+        case 0x9F82:
+        case 0x9F87:
+        case 0x9F93:
+        case 0xDF81:
+        case 0xDF82:
+        case 0xDF83:
+        case 0xFF81:
+            return true;
+        default:
+            return false;
+    }
+}
+
+bool CardMaySet(uint32_t tag) {
+    return VelkCless_Check_DataResoure_NotAllow(TAG_SRC_CARD, tag) == 0;
+}
 
 uint32_t DbGet(uint32_t tag, uint8_t *out, uint32_t cap, uint32_t *len) {
     uint8_t *element = Stored(tag);

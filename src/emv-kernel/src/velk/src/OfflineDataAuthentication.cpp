@@ -137,6 +137,7 @@ uint32_t RecoverDynamicSignature(uint8_t *block, uint32_t terminalTag) {
 // Stores one data object of the INTERNAL AUTHENTICATE response.
 uint32_t StoreSddaObject(uint32_t tag, uint32_t len, const uint8_t *value) {
     if (tag == 0x9F4B && len == 0) return 0x31211;
+    if (!velk::CardMaySet(tag)) return 0;
     return VelkDataBase_Set_TAG(tag, len, value);
 }
 

@@ -250,7 +250,8 @@ uint32_t SaveChildren(uint8_t *parent) {
             break;
         }
         if ((*child & 0x20) != 0) status = SaveChildren(child);
-        if (status == 0) (void)VelkDataBase_Set_TAG(tag, n, TLV_GetValue(child));
+        if (status == 0 && velk::CardMaySet(tag))
+            (void)VelkDataBase_Set_TAG(tag, n, TLV_GetValue(child));
     }
     (void)TLV_SetNextChlidTagPosition(&saved);
     return status;
