@@ -1,13 +1,14 @@
 #!/bin/sh
 # The whole test suite, as CI runs it, on a fresh Debian 12 machine as root:
 # installs the Debian packages it needs, then builds and tests natively, under
-# ASan+UBSan, under TSan (the threaded tests), for 32-bit ARM under qemu, and
-# runs the fuzzers for a bounded time. The packages stage makes the Debian
+# ASan+UBSan, under TSan (the threaded tests), for 32-bit ARM under qemu,
+# checks the kernel with clang-tidy and cppcheck, and runs the fuzzers for a
+# bounded time (FUZZ_SECONDS per target, four targets). The packages stage makes the Debian
 # packages, installs them into the system, uses them as an integrator does and
 # removes them again (as root; otherwise it only builds and checks them).
 #
 #   ./scripts/test.sh            everything
-#   ./scripts/test.sh native     one stage (native, packages, asan, tsan, armhf, fuzz)
+#   ./scripts/test.sh native     one stage (native, packages, asan, tsan, armhf, lint, fuzz)
 set -eu
 cd "$(dirname "$0")/.."
 ROOT=$(pwd)
@@ -25,7 +26,7 @@ if [ "$(id -u)" = 0 ] && [ -z "${VELK_SKIP_APT:-}" ]; then
 fi
 
 JOBS=${JOBS:-$(nproc)}
-STAGES=${*:-native packages asan tsan armhf fuzz}
+STAGES=${*:-native packages asan tsan armhf lint fuzz}
 FUZZ_SECONDS=${FUZZ_SECONDS:-40}
 
 banner() { printf '\n==== %s ====\n' "$*"; }
@@ -160,6 +161,20 @@ for stage in $STAGES; do
     armhf)
       configure_and_test armhf "" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
         -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/toolchain-armhf.cmake" -DVELK_BUILD_HOST=OFF ;;
+    lint)
+      # The kernel only: clang-tidy (.clang-tidy) on the compile database of a
+      # clang configuration, and cppcheck. Findings are fixed or suppressed
+      # inline with the reason.
+      banner "lint: clang-tidy and cppcheck over src/emv-kernel"
+      CC=clang CXX=clang++ cmake -S "$ROOT" -B "$ROOT/build-lint" -G Ninja \
+        -DVELK_BUILD_TESTS=OFF -DVELK_BUILD_HOST=OFF >/dev/null
+      find "$ROOT/src/emv-kernel" -name '*.cpp' | sort |
+        xargs -P "$JOBS" -n 4 clang-tidy -p "$ROOT/build-lint" --quiet 2>/dev/null
+      cppcheck --quiet --enable=warning,performance,portability --inline-suppr \
+        --error-exitcode=1 --std=c++20 --language=c++ -j "$JOBS" \
+        -I "$ROOT/src/emv-kernel/src/kernel/inc" -I "$ROOT/src/emv-kernel/src/common/inc" \
+        -I "$ROOT/src/emv-kernel/src/velk/inc" "$ROOT/src/emv-kernel"
+      echo "lint: clean" ;;
     fuzz)
       if [ -x "$ROOT/fuzz/run.sh" ]; then
         banner "fuzz: build"

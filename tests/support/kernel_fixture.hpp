@@ -19,20 +19,28 @@ struct alignas(8) KernelBlock {
     uint8_t bytes[VELK_LOCAL_PARAM_MIN_LEN];
 };
 
+// With `bound`, the kernel stays on a block the caller bound and initialised
+// once (a soak runs every transaction on one block); only the callback is
+// loaded.
 class BoundKernel {
 public:
-    explicit BoundKernel(pCallback_Process_EntryPoint_Fun callback = nullptr)
-        : block_(std::make_unique<KernelBlock>()) {
-        std::memset(block_->bytes, 0, sizeof block_->bytes);
-        EXPECT_EQ(Kernel_Set_Local_Param_Pointer_VELK_(block_->bytes, sizeof block_->bytes), 0u);
+    explicit BoundKernel(pCallback_Process_EntryPoint_Fun callback = nullptr,
+                         uint8_t *bound = nullptr)
+        : block_(bound == nullptr ? std::make_unique<KernelBlock>() : nullptr),
+          bytes_(bound == nullptr ? block_->bytes : bound) {
+        if (bound == nullptr) {
+            std::memset(bytes_, 0, sizeof block_->bytes);
+            EXPECT_EQ(Kernel_Set_Local_Param_Pointer_VELK_(bytes_, sizeof block_->bytes), 0u);
+        }
         if (callback != nullptr) Kernel_load_callback_Routine_VELK_(callback, 0);
-        Kernel_Init_VELK_(nullptr, 0);
+        if (bound == nullptr) Kernel_Init_VELK_(nullptr, 0);
     }
     VELK_GLOBALVALUE_STRUCT &g() const { return *pgbVelkGlobalValue; }
-    uint8_t *block() const { return block_->bytes; }
+    uint8_t *block() const { return bytes_; }
 
 private:
     std::unique_ptr<KernelBlock> block_;
+    uint8_t *bytes_;
 };
 
 // Fixture for tests that need the global record and the database.

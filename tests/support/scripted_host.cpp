@@ -106,7 +106,9 @@ std::string HexDiff(const Bytes &expected, const Bytes &actual) {
 
 ScriptedHost *ScriptedHost::current_ = nullptr;
 
-ScriptedHost::ScriptedHost() : kernel_(&ScriptedHost::Trampoline) {
+ScriptedHost::ScriptedHost() : ScriptedHost(nullptr) {}
+
+ScriptedHost::ScriptedHost(uint8_t *boundBlock) : kernel_(&ScriptedHost::Trampoline, boundBlock) {
     current_ = this;
     handlers_[VELK_CMD_ICS_PARAMS] = [this](const Message &) { return Answer::Reply(ics); };
     handlers_[VELK_CMD_AID_PARAMS] = [this](const Message &) { return Answer::Reply(aidParams); };

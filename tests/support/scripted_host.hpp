@@ -81,6 +81,8 @@ public:
     using Handler = std::function<Answer(const Message &)>;
 
     ScriptedHost();
+    // On a block the caller has bound and initialised (see BoundKernel).
+    explicit ScriptedHost(uint8_t *boundBlock);
     ~ScriptedHost();
     ScriptedHost(const ScriptedHost &) = delete;
     ScriptedHost &operator=(const ScriptedHost &) = delete;
