@@ -1,9 +1,10 @@
 // pemv_kn_glb for test builds without OpenSSL (the armhf build under qemu):
-// memory functions from libc. The crypto members are filled by the portable
-// crypto of this folder.
+// memory functions from libc, SHA-1 and RSA from the portable crypto of this
+// folder. DES and AES stay null: the kernel never calls them.
 #include <cstring>
 
 #include "emv_kernel_global.h"
+#include "portable_crypto.hpp"
 
 namespace {
 
@@ -20,15 +21,16 @@ int StrlenFn(const char *str) {
     return static_cast<int>(std::strlen(str));
 }
 
-emv_kn_glb_t g_platform = {{MemsetFn, MemcpyFn, MemcmpFn, StrlenFn, nullptr},
-                           {nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr},
-                           nullptr,
-                           0,
-                           0,
-                           0,
-                           nullptr,
-                           0,
-                           {}};
+constinit emv_kn_glb_t g_platform = {{MemsetFn, MemcpyFn, MemcmpFn, StrlenFn, nullptr},
+                                     {velk::portable::RsaModExp, velk::portable::RsaModExp,
+                                      velk::portable::Sha1, nullptr, nullptr, nullptr, nullptr},
+                                     nullptr,
+                                     0,
+                                     0,
+                                     0,
+                                     nullptr,
+                                     0,
+                                     {}};
 
 }  // namespace
 

@@ -74,3 +74,125 @@ uint32_t EMV_Queue_Delete_Element(EMV_Queue *q, ClessSignal_Message *signMsg) {
 }
 
 }  // extern "C"
+
+// ---- Number and text conversions ------------------------------------------
+//
+// Each reads and writes only inside the lengths it is given (the text
+// functions: the text's own length, and the room that length implies in the
+// output), whatever the values; no digit or character is validated. A null
+// pointer gives 0 and writes nothing.
+
+namespace {
+
+// BCD digit pairs of a 32-bit number, most significant first: 10 digits in 5
+// bytes.
+constexpr uint32_t kBcdPairDivisors[] = {100000000u, 1000000u, 10000u, 100u, 1u};
+constexpr uint32_t kBcdBytes = sizeof kBcdPairDivisors / sizeof kBcdPairDivisors[0];
+// Digits past the tenth count nothing: 10^10 does not fit in 32 bits.
+constexpr uint32_t kMaxBcdDigits = 2 * kBcdBytes;
+constexpr uint32_t kLongBytes = 4;
+
+constexpr uint32_t Min(uint32_t a, uint32_t b) {
+    return a < b ? a : b;
+}
+
+}  // namespace
+
+extern "C" {
+
+// Lower-case 'a' to 'f' give 0x2A to 0x2F on purpose: every caller keeps only
+// the low nibble, which is right for both cases.
+uint8_t aschextobin(uint8_t thechar) {
+    const uint8_t c = thechar & 0x7F;
+    return static_cast<uint8_t>(c < 0x3A ? c - 0x30 : c - 0x37);
+}
+
+uint8_t bintoaschex(uint8_t thebin) {
+    return static_cast<uint8_t>(thebin <= 9 ? '0' + thebin : thebin + 0x37);
+}
+
+uint32_t Asc_To_Hex(const char *src, uint8_t *dest, uint32_t *num_digits) {
+    if (src == nullptr || dest == nullptr) {
+        if (num_digits != nullptr) *num_digits = 0;
+        return 0;
+    }
+    const auto n = static_cast<uint32_t>(Strlen_(src));
+    for (uint32_t i = 0; i + 1 < n; i += 2) {
+        const auto high = static_cast<uint8_t>(aschextobin(static_cast<uint8_t>(src[i])) << 4);
+        const auto low = static_cast<uint8_t>(aschextobin(static_cast<uint8_t>(src[i + 1])) & 0x0F);
+        dest[i / 2] = static_cast<uint8_t>(high | low);
+    }
+    // An odd last character still gives its byte (low nibble 0), which the
+    // count leaves out.
+    if ((n & 1u) != 0) {
+        dest[n / 2] = static_cast<uint8_t>(aschextobin(static_cast<uint8_t>(src[n - 1])) << 4);
+    }
+    if (num_digits != nullptr) *num_digits = n / 2;
+    return 0;
+}
+
+uint32_t Hex_To_Asc(const uint8_t *lpbInBuf, uint32_t dwInLen, char *lpbOutBuf) {
+    if (lpbInBuf == nullptr || lpbOutBuf == nullptr) return 0;
+    for (uint32_t i = 0; i < dwInLen; ++i) {
+        const uint8_t nibbles[2] = {static_cast<uint8_t>(lpbInBuf[i] >> 4),
+                                    static_cast<uint8_t>(lpbInBuf[i] & 0x0F)};
+        for (uint32_t k = 0; k < 2; ++k) {
+            const uint8_t v = nibbles[k];
+            lpbOutBuf[2 * i + k] = static_cast<char>(v < 10 ? '0' + v : 'A' + (v - 10));
+        }
+    }
+    lpbOutBuf[2 * dwInLen] = '\0';
+    return 2 * dwInLen;
+}
+
+// Digits are counted from the right, so only the last five bytes of the field
+// are ever read.
+uint32_t Bcd_To_Long(const uint8_t *pucSrc, uint32_t uiSrcLen) {
+    if (pucSrc == nullptr) return 0;
+    const uint32_t bytes = uiSrcLen / 2 + (uiSrcLen & 1u);
+    const uint32_t digits = Min(uiSrcLen, kMaxBcdDigits);
+    uint32_t value = 0;
+    uint32_t weight = 1;
+    for (uint32_t i = 0; i < digits; ++i) {
+        const uint8_t byte = pucSrc[bytes - 1 - i / 2];
+        const uint32_t digit = (i & 1u) == 0 ? (byte & 0x0Fu) : (byte >> 4);
+        value += digit * weight;
+        weight *= 10;
+    }
+    return value;
+}
+
+uint32_t Hex_To_Long(const uint8_t *pucSrc, uint32_t uiSrcLen) {
+    if (pucSrc == nullptr) return 0;
+    uint32_t value = 0;
+    for (uint32_t i = uiSrcLen - Min(uiSrcLen, kLongBytes); i < uiSrcLen; ++i) {
+        value = (value << 8) | pucSrc[i];
+    }
+    return value;
+}
+
+uint32_t Long_to_Hex(uint8_t *pucDest, uint32_t uiLen, const uint32_t *pulSrc) {
+    if (pucDest == nullptr || pulSrc == nullptr) return 0;
+    Memset_(pucDest, 0, static_cast<int>(uiLen));
+    const uint32_t count = Min(uiLen, kLongBytes);
+    for (uint32_t i = 0; i < count; ++i) {
+        pucDest[uiLen - 1 - i] = static_cast<uint8_t>(*pulSrc >> (8 * i));
+    }
+    return 0;
+}
+
+uint32_t Long_To_Bcd(uint8_t *pucDest, uint32_t uiDestLen, const uint32_t *pulSrc) {
+    if (pucDest == nullptr || pulSrc == nullptr) return 0;
+    uint8_t bcd[kBcdBytes];
+    for (uint32_t k = 0; k < kBcdBytes; ++k) {
+        const uint32_t pair = (*pulSrc / kBcdPairDivisors[k]) % 100;
+        bcd[k] = static_cast<uint8_t>((pair / 10) * 16 + pair % 10);
+    }
+    Memset_(pucDest, 0, static_cast<int>(uiDestLen));
+    const uint32_t count = Min(uiDestLen, kBcdBytes);
+    for (uint32_t i = 0; i < count; ++i)
+        pucDest[uiDestLen - 1 - i] = bcd[kBcdBytes - 1 - i];
+    return 0;
+}
+
+}  // extern "C"
