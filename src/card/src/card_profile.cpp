@@ -120,18 +120,32 @@ std::array<Cryptogram, 3> ParsePolicy(const Field &f, std::array<Cryptogram, 3> 
     return policy;
 }
 
-std::vector<Record> ParseRecords(const Field &list) {
-    std::vector<Record> records;
-    for (const Field &r : list.Elements()) {
-        r.OnlyKeys({"sfi", "record", "data", "raw"});
+// Records are an object keyed "SFI.RECORD" ("1.1", "2.3"); each is an
+// object of data objects, or a hex string used as the whole record.
+std::vector<Record> ParseRecords(const Field &records) {
+    std::vector<Record> out;
+    for (const auto &[key, r] : records.Members()) {
         Record rec;
-        rec.sfi = static_cast<uint8_t>(r["sfi"].Int(1, 30));
-        rec.number = static_cast<uint8_t>(r["record"].Int(1, 254));
-        if (auto raw = r.Optional("raw")) {
-            rec.raw = raw->HexRange(0, 256);
+        const size_t dot = key.find('.');
+        int sfi = 0, number = 0;
+        try {
+            size_t used = 0;
+            sfi = std::stoi(key.substr(0, dot), &used);
+            if (dot == std::string::npos || used != dot) throw std::invalid_argument(key);
+            number = std::stoi(key.substr(dot + 1), &used);
+            if (used != key.size() - dot - 1) throw std::invalid_argument(key);
+        } catch (const std::exception &) {
+            r.Fail("a record is named SFI.RECORD, e.g. \"1.1\"");
+        }
+        if (sfi < 1 || sfi > 30 || number < 1 || number > 254)
+            r.Fail("SFI 1 to 30 and record 1 to 254");
+        rec.sfi = static_cast<uint8_t>(sfi);
+        rec.number = static_cast<uint8_t>(number);
+        if (r.IsString()) {
+            rec.raw = r.HexRange(0, 256);
         } else {
-            for (const auto &[key, value] : r["data"].Members()) {
-                const auto tag = ParseTagText(key);
+            for (const auto &[tag_text, value] : r.Members()) {
+                const auto tag = ParseTagText(tag_text);
                 if (!tag) value.Fail("expected a tag in hex as the name of this field");
                 RecordItem item{*tag, {}, {}};
                 const std::string text = value.String();
@@ -146,13 +160,9 @@ std::vector<Record> ParseRecords(const Field &list) {
                 rec.items.push_back(std::move(item));
             }
         }
-        for (const Record &other : records)
-            if (other.sfi == rec.sfi && other.number == rec.number)
-                r.Fail("record " + std::to_string(rec.number) + " of SFI " +
-                       std::to_string(rec.sfi) + " is defined twice");
-        records.push_back(std::move(rec));
+        out.push_back(std::move(rec));
     }
-    return records;
+    return out;
 }
 
 void ParseGenerateAc(const Field &f, Application &app) {
@@ -178,10 +188,11 @@ void ParseGenerateAc(const Field &f, Application &app) {
 }
 
 OdaSpec ParseOda(const Field &f) {
-    f.OnlyKeys({"ca_key", "issuer_key", "icc_key", "issuer_expiry", "icc_expiry", "issuer_serial",
+    f.OnlyKeys({"ca_key", "ca_index", "issuer_key", "icc_key", "issuer_expiry", "icc_expiry", "issuer_serial",
                 "icc_serial", "data_authentication_code", "icc_dynamic_number"});
     OdaSpec spec;
     spec.ca_key = f["ca_key"].String();
+    spec.ca_index = ParseByte(f["ca_index"]);
     spec.issuer_key = f["issuer_key"].String();
     if (auto k = f.Optional("icc_key")) spec.icc_key = k->String();
     if (auto v = f.Optional("issuer_expiry")) spec.issuer_expiry = v->Hex(2);
@@ -237,9 +248,12 @@ void CheckCoherence(const Field &where, const Application &app) {
     if (expiry && ToHex(*expiry).substr(0, 4) != t2.substr(sep + 1, 4))
         where.Fail("the expiry date (5F24) " + ToHex(*expiry) + " differs from Track 2's YYMM " +
                    t2.substr(sep + 1, 4));
-    if (!app.fci_raw && !app.pdol.Entries().size() &&
-        !velk::host::Find(velk::host::ParseTlv(app.fci_proprietary), 0x9F38))
+    if (!app.fci_raw && !velk::host::Find(velk::host::ParseTlv(app.fci_proprietary), 0x9F38))
         where.Fail("the FCI holds no PDOL (9F38), which the kernel needs");
+    // The kernel refuses a GENERATE AC response whose C5 disagrees with the
+    // one of the GPO response.
+    if (app.gpo_c5 && (!app.gac_c5 || ((*app.gac_c5)[0] & 0x07) != ((*app.gpo_c5)[0] & 0x07)))
+        where.Fail("gpo.c5 needs generate_ac.c5 with the same CVM bits (the low three)");
     if (app.gpo_raw) return;
     if (app.aip.size() != 2) where.Fail("gpo.aip must be 2 bytes");
     if (app.afl.size() % 4 != 0 || app.afl.empty())
@@ -336,7 +350,8 @@ Application ParseApplication(const Field &f, bool check) {
 }  // namespace
 
 CardProfile ParseCardProfile(const Field &root) {
-    root.OnlyKeys({"name", "description", "atr", "ppse", "ppse_raw", "checks", "applications"});
+    root.OnlyKeys({"name", "description", "atr", "ppse", "ppse_raw", "checks", "application",
+                   "applications"});
     CardProfile p;
     p.source = root.File().path;
     p.name = root["name"].String();
@@ -346,14 +361,20 @@ CardProfile ParseCardProfile(const Field &root) {
     if (auto ppse = root.Optional("ppse")) p.ppse = ppse->Bool();
     if (auto raw = root.Optional("ppse_raw")) p.ppse_raw = raw->HexRange(0, 256);
     const bool check = root.Has("checks") ? root["checks"].Bool() : true;
-    for (const Field &a : root["applications"].Elements())
-        p.applications.push_back(ParseApplication(a, check));
-    if (p.applications.empty()) root["applications"].Fail("a card needs at least one application");
+    if (root.Has("application") == root.Has("applications"))
+        root.Fail("a card has either \"application\" (one) or \"applications\" (a list)");
+    if (auto one = root.Optional("application")) {
+        p.applications.push_back(ParseApplication(*one, check));
+    } else {
+        for (const Field &a : root["applications"].Elements())
+            p.applications.push_back(ParseApplication(a, check));
+        if (p.applications.empty()) root["applications"].Fail("a card needs at least one application");
+    }
     return p;
 }
 
 CardProfile LoadCardProfile(const std::filesystem::path &path) {
-    return ParseCardProfile(Field(LoadJsonFile(path)));
+    return ParseCardProfile(Field(LoadJsonFileWithBase(path)));
 }
 
 }  // namespace velk::card

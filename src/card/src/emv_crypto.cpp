@@ -3,6 +3,8 @@
 #include <openssl/core_names.h>
 #include <openssl/evp.h>
 
+#include "velk/host/crypto.hpp"
+
 #include <memory>
 #include <stdexcept>
 
@@ -10,9 +12,8 @@ namespace velk::card {
 
 namespace {
 
-struct CipherCtxFree {
-    void operator()(EVP_CIPHER_CTX *c) const { EVP_CIPHER_CTX_free(c); }
-};
+namespace crypto = velk::host::crypto;
+
 struct MacFree {
     void operator()(EVP_MAC *m) const { EVP_MAC_free(m); }
 };
@@ -24,50 +25,23 @@ struct MacCtxFree {
     throw std::runtime_error(std::string("OpenSSL: ") + what);
 }
 
-// One ECB pass without padding over whole blocks.
-Bytes Ecb(const EVP_CIPHER *cipher, std::span<const uint8_t> key, std::span<const uint8_t> in,
-          bool encrypt) {
-    std::unique_ptr<EVP_CIPHER_CTX, CipherCtxFree> ctx(EVP_CIPHER_CTX_new());
-    if (!ctx || EVP_CipherInit_ex(ctx.get(), cipher, nullptr, key.data(), nullptr, encrypt) != 1)
-        Fail("cipher set-up failed");
-    EVP_CIPHER_CTX_set_padding(ctx.get(), 0);
-    Bytes out(in.size() + 32);
-    int n = 0, tail = 0;
-    if (EVP_CipherUpdate(ctx.get(), out.data(), &n, in.data(), static_cast<int>(in.size())) != 1 ||
-        EVP_CipherFinal_ex(ctx.get(), out.data() + n, &tail) != 1)
-        Fail("cipher failed");
-    out.resize(static_cast<size_t>(n + tail));
+// DES with an 8-byte key, 3DES with a 16-byte one; ECB over whole blocks.
+Bytes Des(std::span<const uint8_t> key, std::span<const uint8_t> block, bool encrypt) {
+    Bytes out(block.size());
+    if (!crypto::Des(encrypt ? crypto::Direction::kEncrypt : crypto::Direction::kDecrypt, key, {},
+                     block, out))
+        Fail("DES failed");
     return out;
 }
 
-// Single DES as three-key 3DES with one key three times: OpenSSL 3 keeps
-// plain DES in its legacy provider only.
-Bytes Des(std::span<const uint8_t> key8, std::span<const uint8_t> block, bool encrypt) {
-    Bytes k3(key8.begin(), key8.end());
-    k3.insert(k3.end(), key8.begin(), key8.end());
-    k3.insert(k3.end(), key8.begin(), key8.end());
-    return Ecb(EVP_des_ede3_ecb(), k3, block, encrypt);
-}
-
 Bytes Tdes(std::span<const uint8_t> key16, std::span<const uint8_t> in) {
-    return Ecb(EVP_des_ede_ecb(), key16, in, true);
-}
-
-const EVP_CIPHER *AesEcb(size_t key_len) {
-    switch (key_len) {
-        case 16:
-            return EVP_aes_128_ecb();
-        case 24:
-            return EVP_aes_192_ecb();
-        case 32:
-            return EVP_aes_256_ecb();
-        default:
-            throw std::invalid_argument("AES key must be 16, 24 or 32 bytes");
-    }
+    return Des(key16, in, true);
 }
 
 Bytes Aes(std::span<const uint8_t> key, std::span<const uint8_t> in) {
-    return Ecb(AesEcb(key.size()), key, in, true);
+    Bytes out(in.size());
+    if (!crypto::Aes(crypto::Direction::kEncrypt, key, in, out)) Fail("AES failed");
+    return out;
 }
 
 Bytes AesCmac(std::span<const uint8_t> key, std::span<const uint8_t> data) {
@@ -93,7 +67,9 @@ Bytes AesCmac(std::span<const uint8_t> key, std::span<const uint8_t> data) {
 void CheckKey(const CardKey &key) {
     if (key.algorithm == CryptoAlgorithm::kTdes && key.master_key.size() != 16)
         throw std::invalid_argument("3DES master key must be 16 bytes");
-    if (key.algorithm == CryptoAlgorithm::kAes) (void)AesEcb(key.master_key.size());
+    if (key.algorithm == CryptoAlgorithm::kAes && key.master_key.size() != 16 &&
+        key.master_key.size() != 24 && key.master_key.size() != 32)
+        throw std::invalid_argument("AES master key must be 16, 24 or 32 bytes");
 }
 
 Bytes Diversifier(uint16_t atc, uint8_t marker, size_t block) {

@@ -58,6 +58,30 @@ std::shared_ptr<const JsonFile> LoadJsonFile(const std::filesystem::path &path) 
     return Parse(text.str(), path);
 }
 
+namespace {
+
+Json LoadMerged(const std::filesystem::path &path, int depth) {
+    const auto file = LoadJsonFile(path);
+    Json doc = file->doc;
+    if (!doc.is_object() || !doc.contains("extends")) return doc;
+    const Field self(file);
+    const std::filesystem::path base = self["extends"].FilePath();
+    if (depth >= 8) self["extends"].Fail("files extend each other more than 8 deep");
+    Json merged = LoadMerged(base, depth + 1);
+    doc.erase("extends");
+    merged.merge_patch(doc);
+    return merged;
+}
+
+}  // namespace
+
+std::shared_ptr<const JsonFile> LoadJsonFileWithBase(const std::filesystem::path &path) {
+    auto file = std::make_shared<JsonFile>();
+    file->path = path;
+    file->doc = LoadMerged(path, 0);
+    return file;
+}
+
 std::shared_ptr<const JsonFile> ParseJsonText(std::string_view text, const std::string &name) {
     return Parse(text, name);
 }

@@ -1,7 +1,5 @@
 #include "velk/card/virtual_card.hpp"
 
-#include <openssl/evp.h>
-
 #include <algorithm>
 
 #include "oda_material.hpp"
@@ -19,15 +17,6 @@ Bytes Sw(uint16_t sw) {
 
 Bytes Be16(uint16_t v) {
     return {static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v)};
-}
-
-Bytes Sha1(std::span<const uint8_t> data) {
-    Bytes digest(EVP_MAX_MD_SIZE);
-    unsigned int n = 0;
-    if (EVP_Digest(data.data(), data.size(), digest.data(), &n, EVP_sha1(), nullptr) != 1)
-        throw std::runtime_error("OpenSSL: SHA-1 failed");
-    digest.resize(n);
-    return digest;
 }
 
 bool StartsWith(std::span<const uint8_t> whole, std::span<const uint8_t> prefix) {
@@ -203,9 +192,7 @@ Bytes VirtualCard::InternalAuthenticate(const Command &c) {
     if (app == nullptr || !app->oda_keys) return Sw(kSwInsNotSupported);
     if (!app->ddol.Entries().empty() && c.data.size() != app->ddol.RelatedLength())
         return Sw(kSwWrongLength);
-    const Bytes number = DynamicNumber(*s);
-    const Bytes dynamic = Cat({Bytes{static_cast<uint8_t>(number.size())}, number});
-    const Bytes sdad = SignDynamicData(*app->oda_keys, dynamic, c.data);
+    const Bytes sdad = SignDda(*app->oda_keys, DynamicNumber(*s), c.data);
     const Bytes body = app->internal_authenticate_format == 1 ? Tlv(0x80, sdad)
                                                               : Tlv(0x77, Tlv(0x9F4B, sdad));
     return WithStatus(body, kSwOk);
@@ -268,12 +255,15 @@ Bytes VirtualCard::GenerateAcResponse(AppState &s, const Command &c, bool second
     // which also covers a hash of everything the terminal sent and the rest
     // of this response.
     const Bytes rest = Cat({Tlv(0x9F27, Bytes{cid}), Tlv(0x9F36, atc), Tlv(0x9F10, app.iad), c5});
-    const Bytes hash_code = Sha1(Cat({s.pdol_data, c.data, rest}));
-    const Bytes number = DynamicNumber(s);
-    const Bytes dynamic =
-        Cat({Bytes{static_cast<uint8_t>(number.size())}, number, Bytes{cid}, ac, hash_code});
-    const Bytes un = app.cdol1.Value(c.data, 0x9F37).value_or(Bytes(4, 0x00));
-    const Bytes sdad = SignDynamicData(*app.oda_keys, dynamic, un);
+    velk::pki::CdaRequest cda_request;
+    cda_request.icc_dynamic_number = DynamicNumber(s);
+    cda_request.cid = cid;
+    cda_request.application_cryptogram = ac;
+    cda_request.unpredictable_number = app.cdol1.Value(c.data, 0x9F37).value_or(Bytes(4, 0x00));
+    cda_request.pdol_data = s.pdol_data;
+    cda_request.cdol1_data = c.data;
+    cda_request.gac_data = rest;
+    const Bytes sdad = SignCda(*app.oda_keys, cda_request);
     return WithStatus(Tlv(0x77, Cat({rest, Tlv(0x9F4B, sdad)})), kSwOk);
 }
 

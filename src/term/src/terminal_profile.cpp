@@ -104,7 +104,7 @@ std::vector<CaKey> LoadCaKeys(const std::filesystem::path &path) {
 }
 
 TerminalProfile LoadTerminalProfile(const std::filesystem::path &path) {
-    const Field root(LoadJsonFile(path));
+    const Field root(velk::card::LoadJsonFileWithBase(path));
     root.OnlyKeys({"name", "description", "currency", "exponent", "parameters", "applications",
                    "transaction", "unpredictable_number_length", "ca_keys", "exception_file",
                    "revocation_list"});

@@ -147,6 +147,8 @@ void Runner::Run() {
     amount_ = AmountToBcd(options_.amount, terminal_.exponent);
     date_ = options_.date.empty() ? Today(false) : options_.date;
     time_ = options_.time.empty() ? Today(true) : options_.time;
+    report_.date = date_;
+    report_.time = time_;
 
     entry_point_.Start();
     while (const auto selection = entry_point_.SelectNext()) {

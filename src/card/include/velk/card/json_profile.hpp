@@ -43,6 +43,11 @@ struct JsonFile {
 
 // Parses a file; syntax errors become "path:line:column: ...".
 std::shared_ptr<const JsonFile> LoadJsonFile(const std::filesystem::path &path);
+// The same, for files that may extend another: {"extends": "base.json", ...}
+// loads the base (relative to this file) and merges this file's fields over
+// it as a JSON merge patch (objects merge member by member, anything else
+// replaces, null deletes). Errors name the file that was asked for.
+std::shared_ptr<const JsonFile> LoadJsonFileWithBase(const std::filesystem::path &path);
 // The same for text that did not come from a file (name used in messages).
 std::shared_ptr<const JsonFile> ParseJsonText(std::string_view text, const std::string &name);
 
