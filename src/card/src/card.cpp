@@ -100,6 +100,14 @@ const char *KindName(CommandKind kind) {
     return "other";
 }
 
+std::vector<velk::host::TlvNode> ParseTlvData(std::span<const uint8_t> data) {
+    try {
+        return velk::host::ParseTlv(data, false);
+    } catch (const std::invalid_argument &) {
+        return velk::host::ParseTlv(data, true);
+    }
+}
+
 Bytes SelectCommand(std::span<const uint8_t> name) {
     Bytes c(name.size() + 6, 0x00);
     c[1] = 0xA4;

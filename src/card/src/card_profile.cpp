@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "oda_material.hpp"
+#include "velk/card/card.hpp"
 
 namespace velk::card {
 
@@ -248,7 +249,7 @@ void CheckCoherence(const Field &where, const Application &app) {
     if (expiry && ToHex(*expiry).substr(0, 4) != t2.substr(sep + 1, 4))
         where.Fail("the expiry date (5F24) " + ToHex(*expiry) + " differs from Track 2's YYMM " +
                    t2.substr(sep + 1, 4));
-    if (!app.fci_raw && !velk::host::Find(velk::host::ParseTlv(app.fci_proprietary), 0x9F38))
+    if (!app.fci_raw && !velk::host::Find(ParseTlvData(app.fci_proprietary), 0x9F38))
         where.Fail("the FCI holds no PDOL (9F38), which the kernel needs");
     // The kernel refuses a GENERATE AC response whose C5 disagrees with the
     // one of the GPO response.

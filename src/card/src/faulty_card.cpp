@@ -155,7 +155,7 @@ Bytes Mutate(const Fault &fault, const Bytes &response) {
         case Fault::Change::kDup: {
             std::vector<TlvNode> nodes;
             try {
-                nodes = velk::host::ParseTlv(body);
+                nodes = ParseTlvData(body);
             } catch (const std::invalid_argument &) {
                 return response;  // nothing to edit in data that is not TLV
             }

@@ -28,7 +28,7 @@ std::vector<Candidate> CandidatesFromPpse(const TerminalProfile &terminal, const
     std::vector<Candidate> out;
     std::vector<velk::host::TlvNode> nodes;
     try {
-        nodes = velk::host::ParseTlv(fci);
+        nodes = velk::card::ParseTlvData(fci);
     } catch (const std::invalid_argument &) {
         return out;
     }
@@ -120,7 +120,7 @@ std::optional<Selection> EntryPoint::SelectNext() {
         // The DF name the card gives in its FCI is the AID of the transaction.
         try {
             const auto data = ResponseData(response);
-            const auto nodes = velk::host::ParseTlv(Bytes(data.begin(), data.end()));
+            const auto nodes = velk::card::ParseTlvData(data);
             if (const auto *df = velk::host::Find(nodes, 0x84)) s.aid = df->value;
             if (const auto *label = velk::host::Find(nodes, 0x50); label && s.label.empty())
                 s.label = Text(label->value);

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "velk/host/tlv.hpp"
+#include "velk/card/card.hpp"
 #include "velk/term/tags.hpp"
 
 namespace velk::term {
@@ -55,6 +56,7 @@ constexpr Bit kTsiBits[] = {
 };
 
 constexpr Bit kAipBits[] = {
+    {2, 0x80, "Reserved for kernel-specific use"},
     {1, 0x40, "SDA supported"},
     {1, 0x20, "DDA supported"},
     {1, 0x10, "Cardholder verification is supported"},
@@ -233,7 +235,8 @@ std::optional<OutcomeParameters> ParseOutcomeParameters(ByteView ops) {
 }
 
 std::string OutcomeStatusName(uint8_t status) {
-    return Named(status, {{0x10, "APPROVED"},
+    return Named(status, {{0x00, "NONE (no outcome was set)"},
+                          {0x10, "APPROVED"},
                           {0x20, "DECLINED"},
                           {0x30, "ONLINE REQUEST"},
                           {0x40, "END APPLICATION"},
@@ -557,7 +560,7 @@ nlohmann::ordered_json NodesJson(const std::vector<velk::host::TlvNode> &nodes) 
 std::vector<std::string> DecodeLines(ByteView data, int indent) {
     std::vector<std::string> out;
     try {
-        DecodeInto(velk::host::ParseTlv(data), indent, out);
+        DecodeInto(velk::card::ParseTlvData(data), indent, out);
     } catch (const std::invalid_argument &e) {
         out.assign(1, std::string(static_cast<size_t>(indent) * 2, ' ') + "not TLV (" + e.what() +
                           "): " + velk::host::ToHex(data));
@@ -567,7 +570,7 @@ std::vector<std::string> DecodeLines(ByteView data, int indent) {
 
 nlohmann::ordered_json DecodeJson(ByteView data) {
     try {
-        return NodesJson(velk::host::ParseTlv(data));
+        return NodesJson(velk::card::ParseTlvData(data));
     } catch (const std::invalid_argument &e) {
         return {{"error", std::string("not TLV: ") + e.what()}, {"hex", velk::host::ToHex(data)}};
     }

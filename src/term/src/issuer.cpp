@@ -3,6 +3,7 @@
 #include <map>
 #include <stdexcept>
 
+#include "velk/card/card.hpp"
 #include "velk/term/tags.hpp"
 
 namespace velk::term {
@@ -60,10 +61,10 @@ std::string CheckArqc(const std::map<uint32_t, Bytes> &record, const SecretsLook
     found = secrets(*pan);
     if (!found) return "not checked: the issuer does not know this card's key";
     Bytes data;
+    // The terminal filled what it did not have with zeros; so does the issuer.
     for (const velk::card::DolEntry &e : found->cdol1.Entries()) {
         const Bytes *v = get(e.tag);
-        if (!v) return "not checked: the request lacks " + TagHex(e.tag) + ", which CDOL1 names";
-        const Bytes fitted = Fit(e.tag, *v, e.length);
+        const Bytes fitted = v ? Fit(e.tag, *v, e.length) : Bytes(e.length, 0x00);
         data.insert(data.end(), fitted.begin(), fitted.end());
     }
     data.insert(data.end(), aip->begin(), aip->end());
@@ -77,7 +78,7 @@ std::string CheckArqc(const std::map<uint32_t, Bytes> &record, const SecretsLook
 
 IssuerResponse Issuer::Authorise(const Bytes &data_record) const {
     std::map<uint32_t, Bytes> record;
-    for (const auto &n : velk::host::ParseTlv(data_record))
+    for (const auto &n : velk::card::ParseTlvData(data_record))
         record.emplace(n.tag, n.value);  // the first of a repeated tag
     IssuerResponse r;
     r.arc = config_.arc;

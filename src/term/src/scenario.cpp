@@ -140,7 +140,7 @@ std::vector<std::string> CheckExpectations(const Json &expect, const Transaction
         } else if (key == "data_record") {
             std::vector<velk::host::TlvNode> nodes;
             try {
-                if (last) nodes = velk::host::ParseTlv(last->data_record);
+                if (last) nodes = velk::card::ParseTlvData(last->data_record);
             } catch (const std::invalid_argument &) {
             }
             for (const auto &[tag_text, value] : want.items()) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "velk/card/card.hpp"
 #include "velk/card/card_profile.hpp"
 
 namespace velk::term {
@@ -17,7 +18,7 @@ bool Equal(std::span<const uint8_t> a, std::span<const uint8_t> b) {
 
 // Finds a data object among encoded ones (first level only).
 std::optional<Bytes> Value(const Bytes &encoded, uint32_t tag) {
-    for (const auto &n : velk::host::ParseTlv(encoded))
+    for (const auto &n : velk::card::ParseTlvData(encoded))
         if (n.tag == tag) return n.value;
     return std::nullopt;
 }

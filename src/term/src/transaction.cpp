@@ -58,7 +58,7 @@ std::optional<Bytes> Child(const std::vector<velk::host::TlvNode> &nodes, uint32
 void ParseOutput(KernelEntry &e) {
     std::vector<velk::host::TlvNode> nodes;
     try {
-        nodes = velk::host::ParseTlv(e.output);
+        nodes = velk::card::ParseTlvData(e.output);
     } catch (const std::invalid_argument &x) {
         e.error = std::string("the kernel's output is not TLV: ") + x.what();
         return;
@@ -123,10 +123,9 @@ private:
 };
 
 Bytes Runner::CommonData() const {
-    Bytes d = Cat({Tlv(0x9C, Bytes{options_.type}), Tlv(0x9F02, amount_)});
-    if (options_.other_amount)
-        d = Cat({d, Tlv(0x9F03, AmountToBcd(*options_.other_amount, terminal_.exponent))});
-    return Cat({d, Tlv(0x5F2A, terminal_.currency), Tlv(0x9A, date_), Tlv(0x9F21, time_)});
+    const Bytes other = AmountToBcd(options_.other_amount.value_or("0"), terminal_.exponent);
+    return Cat({Tlv(0x9C, Bytes{options_.type}), Tlv(0x9F02, amount_), Tlv(0x9F03, other),
+                Tlv(0x5F2A, terminal_.currency), Tlv(0x9A, date_), Tlv(0x9F21, time_)});
 }
 
 KernelEntry &Runner::Enter(const std::string &purpose, const Bytes &input) {
@@ -218,7 +217,7 @@ std::vector<GacSeen> GenerateAcs(const Trace &trace) {
         if (e.second.empty()) g.failure = e.text;
         try {
             const auto data = velk::card::ResponseData(e.second);
-            const auto nodes = velk::host::ParseTlv(Bytes(data.begin(), data.end()));
+            const auto nodes = velk::card::ParseTlvData(data);
             if (const auto *cid = velk::host::Find(nodes, 0x9F27); cid && cid->value.size() == 1)
                 g.cid = cid->value[0];
         } catch (const std::invalid_argument &) {
@@ -264,7 +263,7 @@ void Explain(TransactionReport &r) {
     for (auto it = r.entries.rbegin(); it != r.entries.rend(); ++it) {
         if (it->data_record.empty()) continue;
         try {
-            const auto nodes = velk::host::ParseTlv(it->data_record);
+            const auto nodes = velk::card::ParseTlvData(it->data_record);
             if (const auto *tvr = velk::host::Find(nodes, 0x95)) {
                 const auto bits = ExplainTvr(tvr->value);
                 if (bits.size() == 1 && bits[0] == "no bit set")
@@ -278,6 +277,9 @@ void Explain(TransactionReport &r) {
     }
     if (!last.outcome) return;
     const OutcomeParameters &o = *last.outcome;
+    if (o.status == 0x00)
+        why.push_back("The Outcome Parameter Set is all zero: the step that ended the transaction "
+                      "chose no outcome.");
     if (o.cvm != 0xF0) why.push_back("Cardholder verification: " + OutcomeCvmName(o.cvm) + ".");
     if (r.issuer) {
         const bool ok = r.issuer->arc == Bytes{'0', '0'};

@@ -9,6 +9,7 @@
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "velk/host/tlv.hpp"
 
@@ -101,6 +102,12 @@ const char *KindName(CommandKind kind);
 
 // The name of the proximity payment system environment.
 inline constexpr std::string_view kPpseName = "2PAY.SYS.DDF01";
+
+// TLV data as cards and the kernel write it. Parsed strictly first, so that
+// tags beginning with FF (the outcome's FF8105 and FF8106) stay tags; only
+// data that is not TLV that way is parsed again with 00 and FF bytes
+// between elements taken as padding. Throws std::invalid_argument.
+std::vector<velk::host::TlvNode> ParseTlvData(std::span<const uint8_t> data);
 
 // A SELECT by name of the given DF.
 Bytes SelectCommand(std::span<const uint8_t> name);
