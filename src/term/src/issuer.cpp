@@ -1,5 +1,6 @@
 #include "velk/term/issuer.hpp"
 
+#include <cctype>
 #include <map>
 #include <stdexcept>
 
@@ -24,6 +25,15 @@ IssuerConfig IssuerConfig::FromDecision(const std::string &decision) {
                                     "': expected approve, decline or a two-character response code");
     }
     return c;
+}
+
+bool IsIssuerScript(const Bytes &script) {
+    try {
+        const auto nodes = velk::host::ParseTlv(script, false);
+        return nodes.size() == 1 && (nodes[0].tag == 0x71 || nodes[0].tag == 0x72);
+    } catch (const std::invalid_argument &) {
+        return false;
+    }
 }
 
 Issuer::Issuer(IssuerConfig config, SecretsLookup secrets)

@@ -99,8 +99,8 @@ int Pay(const PayArgs &a) {
     o.issuer.send_arpc = !a.no_arpc;
     for (const std::string &s : a.scripts) {
         const auto script = HexArg(s, 0, "--script");
-        if (script.size() < 3 || (script[0] != 0x71 && script[0] != 0x72))
-            throw CLI::ValidationError("--script", "an issuer script is a template 71 or 72");
+        if (!IsIssuerScript(script))
+            throw CLI::ValidationError("--script", "expected one whole template 71 or 72");
         o.issuer.scripts.push_back(script);
     }
     for (const std::string &f : a.faults)
@@ -204,7 +204,7 @@ int main(int argc, char **argv) {
     // The kernel library resolves pemv_kn_glb from this executable.
     (void)velk::host::Framework();
 
-    CLI::App app{"velk-term: contactless transactions through libvelk, explained"};
+    CLI::App app{"velk-term: contactless transactions through libvelk, explained", "velk-term"};
     app.footer(kExitCodes);
     app.require_subcommand(1);
 

@@ -67,8 +67,7 @@ Scenario LoadScenario(const std::filesystem::path &path) {
         if (auto scripts = i->Optional("scripts"))
             for (const Field &sc : scripts->Elements()) {
                 const Bytes script = sc.HexRange(3, 256);
-                if (script[0] != 0x71 && script[0] != 0x72)
-                    sc.Fail("an issuer script is a template 71 or 72");
+                if (!IsIssuerScript(script)) sc.Fail("expected one whole template 71 or 72");
                 s.issuer.scripts.push_back(script);
             }
     }

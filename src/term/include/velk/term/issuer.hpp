@@ -28,6 +28,9 @@ struct IssuerConfig {
     static IssuerConfig FromDecision(const std::string &decision);
 };
 
+// True when the bytes are one whole template 71 or 72.
+bool IsIssuerScript(const Bytes &script);
+
 // What the issuer knows of a card: its key and what its first cryptogram covers.
 struct CardSecrets {
     velk::card::CardKey key;
