@@ -57,7 +57,7 @@ Bytes Record::Encode() const {
 std::optional<Bytes> Application::RecordValue(uint32_t tag) const {
     for (const Record &r : records)
         for (const RecordItem &item : r.items)
-            if (item.tag == tag && item.computed.empty()) return item.value;
+            if (item.tag == tag && (item.computed.empty() || !item.value.empty())) return item.value;
     return std::nullopt;
 }
 

@@ -115,7 +115,8 @@ struct Application {
     std::optional<OdaSpec> oda;
     std::shared_ptr<const OdaKeys> oda_keys;  // set when the profile is loaded
 
-    // The first value of a tag among the records (placeholders excluded).
+    // The first value of a tag among the records (computed values once they
+    // have been computed).
     std::optional<Bytes> RecordValue(uint32_t tag) const;
     const Record *FindRecord(uint8_t sfi, uint8_t number) const;
 };

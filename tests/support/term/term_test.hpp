@@ -1,0 +1,90 @@
+// Shared pieces of the simulator's tests: the bundled profiles, hex, and the
+// commands a kernel sends to a card.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "velk/card/card.hpp"
+#include "velk/card/virtual_card.hpp"
+#include "velk/host/tlv.hpp"
+#include "velk/term/terminal_profile.hpp"
+
+namespace velk::term::test {
+
+using velk::host::Bytes;
+using velk::host::FromHex;
+
+inline std::filesystem::path Profiles() {
+    return VELK_TEST_PROFILES;
+}
+
+inline velk::card::CardProfile CardProfileNamed(const std::string &name) {
+    return velk::card::LoadCardProfile(Profiles() / "cards" / (name + ".json"));
+}
+
+inline TerminalProfile TerminalNamed(const std::string &name) {
+    return LoadTerminalProfile(Profiles() / "terminals" / (name + ".json"));
+}
+
+// A file of the test's own, removed with the fixture's directory.
+class TempDir {
+public:
+    TempDir() {
+        path_ = std::filesystem::temp_directory_path() /
+                ("velk-term-test-" + std::to_string(::getpid()) + "-" + std::to_string(counter_++));
+        std::filesystem::create_directories(path_);
+    }
+    ~TempDir() {
+        std::error_code ec;
+        std::filesystem::remove_all(path_, ec);
+    }
+    std::filesystem::path Write(const std::string &name, const std::string &text) const {
+        const auto p = path_ / name;
+        std::ofstream(p) << text;
+        return p;
+    }
+    const std::filesystem::path &Path() const { return path_; }
+
+private:
+    static inline int counter_ = 0;
+    std::filesystem::path path_;
+};
+
+inline Bytes Select(const Bytes &aid) {
+    return velk::card::SelectCommand(aid);
+}
+
+// GET PROCESSING OPTIONS with related data of the given length (zeros).
+inline Bytes Gpo(size_t pdol_length) {
+    Bytes c{0x80, 0xA8, 0x00, 0x00, static_cast<uint8_t>(pdol_length + 2), 0x83,
+            static_cast<uint8_t>(pdol_length)};
+    c.resize(c.size() + pdol_length, 0x00);
+    c.push_back(0x00);
+    return c;
+}
+
+inline Bytes GenerateAc(uint8_t p1, const Bytes &data) {
+    Bytes c{0x80, 0xAE, p1, 0x00, static_cast<uint8_t>(data.size())};
+    c.insert(c.end(), data.begin(), data.end());
+    c.push_back(0x00);
+    return c;
+}
+
+inline uint16_t Sw(const Bytes &response) {
+    return velk::card::StatusWord(response);
+}
+
+// The first element with the tag in a response (data and status word).
+inline std::optional<Bytes> Find(const Bytes &response, uint32_t tag) {
+    const auto data = velk::card::ResponseData(response);
+    const auto nodes = velk::card::ParseTlvData(data);
+    const auto *n = velk::host::Find(nodes, tag);
+    return n ? std::optional<Bytes>(n->value) : std::nullopt;
+}
+
+}  // namespace velk::term::test
