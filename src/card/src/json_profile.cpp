@@ -60,14 +60,18 @@ std::shared_ptr<const JsonFile> LoadJsonFile(const std::filesystem::path &path) 
 
 namespace {
 
-Json LoadMerged(const std::filesystem::path &path, int depth) {
+Json LoadMerged(const std::filesystem::path &path, std::initializer_list<std::string_view> path_keys,
+               int depth) {
     const auto file = LoadJsonFile(path);
     Json doc = file->doc;
-    if (!doc.is_object() || !doc.contains("extends")) return doc;
+    if (!doc.is_object()) return doc;
     const Field self(file);
+    for (std::string_view key : path_keys)
+        if (auto f = self.Optional(key); f && f->IsString()) doc[std::string(key)] = f->FilePath().string();
+    if (!doc.contains("extends")) return doc;
     const std::filesystem::path base = self["extends"].FilePath();
     if (depth >= 8) self["extends"].Fail("files extend each other more than 8 deep");
-    Json merged = LoadMerged(base, depth + 1);
+    Json merged = LoadMerged(base, path_keys, depth + 1);
     doc.erase("extends");
     merged.merge_patch(doc);
     return merged;
@@ -75,10 +79,11 @@ Json LoadMerged(const std::filesystem::path &path, int depth) {
 
 }  // namespace
 
-std::shared_ptr<const JsonFile> LoadJsonFileWithBase(const std::filesystem::path &path) {
+std::shared_ptr<const JsonFile> LoadJsonFileWithBase(const std::filesystem::path &path,
+                                                     std::initializer_list<std::string_view> path_keys) {
     auto file = std::make_shared<JsonFile>();
     file->path = path;
-    file->doc = LoadMerged(path, 0);
+    file->doc = LoadMerged(path, path_keys, 0);
     return file;
 }
 

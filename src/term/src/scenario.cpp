@@ -41,7 +41,7 @@ uint8_t ParseTransactionType(const std::string &name, const TerminalProfile &ter
 }
 
 Scenario LoadScenario(const std::filesystem::path &path) {
-    const Field root(velk::card::LoadJsonFileWithBase(path));
+    const Field root(velk::card::LoadJsonFileWithBase(path, {"card", "terminal"}));
     root.OnlyKeys({"name", "description", "card", "terminal", "amount", "other_amount", "type",
                    "date", "time", "issuer", "faults", "seed", "expect", "pending"});
     Scenario s;

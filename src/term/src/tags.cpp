@@ -207,6 +207,10 @@ constexpr TagInfo kTags[] = {
 
 }  // namespace
 
+std::span<const TagInfo> AllTags() {
+    return kTags;
+}
+
 const TagInfo *FindTag(uint32_t tag) {
     for (const TagInfo &t : kTags)
         if (t.tag == tag) return &t;

@@ -105,7 +105,7 @@ std::vector<CaKey> LoadCaKeys(const std::filesystem::path &path) {
 }
 
 TerminalProfile LoadTerminalProfile(const std::filesystem::path &path) {
-    const Field root(velk::card::LoadJsonFileWithBase(path));
+    const Field root(velk::card::LoadJsonFileWithBase(path, {"ca_keys", "exception_file", "revocation_list"}));
     root.OnlyKeys({"name", "description", "currency", "exponent", "parameters", "applications",
                    "transaction", "unpredictable_number_length", "ca_keys", "exception_file",
                    "revocation_list"});

@@ -72,7 +72,12 @@ public:
     // Sends a request as the kernel builds it and returns the reply bytes;
     // *result gets the callback's status.
     Bytes Call(uint8_t command, const Bytes &payload, uint32_t *result = nullptr) {
-        const Bytes msg = velk::host::Tlv(0x7F01, velk::host::Cat({velk::host::Tlv(0xDF00, Bytes{command}), payload}));
+        return Raw(velk::host::Tlv(0x7F01, velk::host::Cat({velk::host::Tlv(0xDF00, Bytes{command}), payload})),
+                   result);
+    }
+
+    // Sends any bytes as a request.
+    Bytes Raw(const Bytes &msg, uint32_t *result = nullptr) {
         std::memset(buffer_, 0, sizeof buffer_);
         std::memcpy(buffer_, msg.data(), msg.size());
         uint32_t len = static_cast<uint32_t>(msg.size());

@@ -61,17 +61,22 @@ inline Bytes Select(const Bytes &aid) {
 
 // GET PROCESSING OPTIONS with related data of the given length (zeros).
 inline Bytes Gpo(size_t pdol_length) {
-    Bytes c{0x80, 0xA8, 0x00, 0x00, static_cast<uint8_t>(pdol_length + 2), 0x83,
-            static_cast<uint8_t>(pdol_length)};
-    c.resize(c.size() + pdol_length, 0x00);
-    c.push_back(0x00);
+    Bytes c(pdol_length + 8, 0x00);
+    c[0] = 0x80;
+    c[1] = 0xA8;
+    c[4] = static_cast<uint8_t>(pdol_length + 2);
+    c[5] = 0x83;
+    c[6] = static_cast<uint8_t>(pdol_length);
     return c;
 }
 
 inline Bytes GenerateAc(uint8_t p1, const Bytes &data) {
-    Bytes c{0x80, 0xAE, p1, 0x00, static_cast<uint8_t>(data.size())};
-    c.insert(c.end(), data.begin(), data.end());
-    c.push_back(0x00);
+    Bytes c(data.size() + 6, 0x00);
+    c[0] = 0x80;
+    c[1] = 0xAE;
+    c[2] = p1;
+    c[4] = static_cast<uint8_t>(data.size());
+    std::copy(data.begin(), data.end(), c.begin() + 5);
     return c;
 }
 

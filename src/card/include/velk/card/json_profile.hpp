@@ -46,8 +46,11 @@ std::shared_ptr<const JsonFile> LoadJsonFile(const std::filesystem::path &path);
 // The same, for files that may extend another: {"extends": "base.json", ...}
 // loads the base (relative to this file) and merges this file's fields over
 // it as a JSON merge patch (objects merge member by member, anything else
-// replaces, null deletes). Errors name the file that was asked for.
-std::shared_ptr<const JsonFile> LoadJsonFileWithBase(const std::filesystem::path &path);
+// replaces, null deletes). Errors name the file that was asked for. The
+// top-level members named in path_keys hold file names: each is made
+// absolute against the file that wrote it before the files are merged.
+std::shared_ptr<const JsonFile> LoadJsonFileWithBase(const std::filesystem::path &path,
+                                                     std::initializer_list<std::string_view> path_keys = {});
 // The same for text that did not come from a file (name used in messages).
 std::shared_ptr<const JsonFile> ParseJsonText(std::string_view text, const std::string &name);
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 
 namespace velk::term {
@@ -22,6 +23,8 @@ struct TagInfo {
     TagFormat format;
 };
 
+// The whole dictionary.
+std::span<const TagInfo> AllTags();
 // Null when the tag is not in the dictionary.
 const TagInfo *FindTag(uint32_t tag);
 // The name, or "unknown tag" for one the dictionary does not know.
