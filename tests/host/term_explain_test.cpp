@@ -113,7 +113,7 @@ TEST(Explain, AmountsAndValues) {
 
 TEST(Explain, DecodeKeepsTagsThatStartWithFf) {
     // The outcome's data record is FF8105: FF is a tag byte here, not padding.
-    const Lines lines = DecodeLines(FromHex("7F01 0F DF8129 08 10F0F0F0A0F0FF00 FF8105 00"));
+    const Lines lines = DecodeLines(FromHex("7F01 10 DF8129 08 10F0F0F0A0F0FF00 FF8105 00"));
     ASSERT_EQ(lines.size(), 11u);
     EXPECT_EQ(lines[0], "7F01 Kernel message");
     EXPECT_EQ(lines[1], "  DF8129 Outcome Parameter Set: 10F0F0F0A0F0FF00");
