@@ -56,6 +56,10 @@ std::optional<Bytes> Child(const std::vector<velk::host::TlvNode> &nodes, uint32
 }
 
 void ParseOutput(KernelEntry &e) {
+    if (e.output.empty()) {
+        e.error = "the kernel's output is empty";
+        return;
+    }
     std::vector<velk::host::TlvNode> nodes;
     try {
         nodes = velk::card::ParseTlvData(e.output);
