@@ -78,8 +78,8 @@ TEST_F(CardTest, EveryRecordOfTheAflIsThereAndOthersAreNot) {
     StartTransaction();
     for (size_t i = 0; i < app_->afl.size(); i += 4)
         for (int n = app_->afl[i + 1]; n <= app_->afl[i + 2]; ++n) {
-            const Bytes r = card_->Transmit(
-                Bytes{0x00, 0xB2, static_cast<uint8_t>(n), static_cast<uint8_t>(app_->afl[i] | 4), 0x00});
+            const Bytes r = card_->Transmit(Bytes{0x00, 0xB2, static_cast<uint8_t>(n),
+                                                  static_cast<uint8_t>(app_->afl[i] | 4), 0x00});
             EXPECT_EQ(Sw(r), 0x9000);
             EXPECT_EQ(r[0], 0x70);
         }
@@ -164,8 +164,10 @@ TEST_F(CardTest, TheSecondGenerateAcIsAcceptedAfterTheCardIsSelectedAgain) {
     card_->PowerOff();
     card_->PowerOn();
     ASSERT_EQ(Sw(card_->Transmit(Select(app_->aid))), 0x9000);
-    const Bytes arpc = velk::card::Arpc(app_->key, card_->Atc(), *Find(first, 0x9F26), Bytes{'0', '0'});
-    const Bytes r = card_->Transmit(GenerateAc(0x40, Cat({FromHex("3030"), arpc, FromHex("3030"), Bytes(9, 0)})));
+    const Bytes arpc =
+        velk::card::Arpc(app_->key, card_->Atc(), *Find(first, 0x9F26), Bytes{'0', '0'});
+    const Bytes r = card_->Transmit(
+        GenerateAc(0x40, Cat({FromHex("3030"), arpc, FromHex("3030"), Bytes(9, 0)})));
     EXPECT_EQ(Find(r, 0x9F27), Bytes{0x40});
 }
 
@@ -234,8 +236,8 @@ Bytes StaticData(const velk::card::Application &app) {
 }
 
 pki::RsaKey IssuerKey(const velk::card::Application &app) {
-    const pki::IssuerCertificate cert{*app.RecordValue(0x90), app.RecordValue(0x92).value_or(Bytes{}),
-                                      *app.RecordValue(0x9F32)};
+    const pki::IssuerCertificate cert{
+        *app.RecordValue(0x90), app.RecordValue(0x92).value_or(Bytes{}), *app.RecordValue(0x9F32)};
     const auto issuer = pki::RecoverIssuerCertificate(Backend(), CaFromKeyStore(app), cert);
     EXPECT_TRUE(issuer.recovered.hash_matches);
     // The issuer identifier is the start of the PAN.
@@ -245,11 +247,13 @@ pki::RsaKey IssuerKey(const velk::card::Application &app) {
 }
 
 pki::RsaKey IccKey(const velk::card::Application &app) {
-    const pki::IccCertificate cert{*app.RecordValue(0x9F46), app.RecordValue(0x9F48).value_or(Bytes{}),
+    const pki::IccCertificate cert{*app.RecordValue(0x9F46),
+                                   app.RecordValue(0x9F48).value_or(Bytes{}),
                                    *app.RecordValue(0x9F47)};
     const auto icc = pki::RecoverIccCertificate(Backend(), IssuerKey(app), cert, StaticData(app));
     EXPECT_TRUE(icc.recovered.hash_matches);
-    EXPECT_EQ(velk::host::ToHex(icc.identity).substr(0, 16), velk::host::ToHex(*app.RecordValue(0x5A)));
+    EXPECT_EQ(velk::host::ToHex(icc.identity).substr(0, 16),
+              velk::host::ToHex(*app.RecordValue(0x5A)));
     return icc.key;
 }
 
@@ -303,7 +307,8 @@ TEST_F(CardTest, CdaSignatureCarriesTheCryptogramAndHashesWhatTheTerminalSent) {
     EXPECT_EQ(dyn.application_cryptogram,
               velk::card::ApplicationCryptogram(
                   app_->key, atc,
-                  Cat({data, app_->aip, Bytes{static_cast<uint8_t>(atc >> 8), static_cast<uint8_t>(atc)}})));
+                  Cat({data, app_->aip,
+                       Bytes{static_cast<uint8_t>(atc >> 8), static_cast<uint8_t>(atc)}})));
     // An AAC is never signed.
     Open("declining");
     StartTransaction();

@@ -64,7 +64,8 @@ TEST(EntryPointCandidates, AnExactTerminalApplicationRefusesLongerCardAids) {
 
 class EntryPointTest : public ::testing::Test {
 protected:
-    std::optional<Selection> FirstSelection(const std::string &card_name, EntryPoint **out = nullptr) {
+    std::optional<Selection> FirstSelection(const std::string &card_name,
+                                            EntryPoint **out = nullptr) {
         card_ = std::make_unique<velk::card::VirtualCard>(CardProfileNamed(card_name));
         entry_ = std::make_unique<EntryPoint>(pos_, *card_, trace_);
         entry_->Start();

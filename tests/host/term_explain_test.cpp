@@ -35,7 +35,8 @@ TEST(Explain, TsiAndAip) {
                      "byte 1 bit 20: Card risk management was performed",
                      "byte 1 bit 08: Terminal risk management was performed"}));
     EXPECT_EQ(ExplainAip(FromHex("5900")),
-              (Lines{"byte 1 bit 40: SDA supported", "byte 1 bit 10: Cardholder verification is supported",
+              (Lines{"byte 1 bit 40: SDA supported",
+                     "byte 1 bit 10: Cardholder verification is supported",
                      "byte 1 bit 08: Terminal risk management is to be performed",
                      "byte 1 bit 01: CDA supported"}));
 }
@@ -46,19 +47,22 @@ TEST(Explain, CvmResultsCvmListAndAfl) {
                      "condition: if the terminal supports the CVM", "result: unknown"}));
     EXPECT_EQ(ExplainCvmResults(FromHex("3F0000"))[1], "condition: none");
     EXPECT_EQ(ExplainCvmResults(FromHex("1E03")).size(), 1u);
-    EXPECT_EQ(ExplainCvmList(FromHex("000003E8 00000000 4203 1F0A 1F")),
-              (Lines{"amount X 1000, amount Y 0",
-                     "rule 4203: Enciphered PIN verified online, if the terminal supports the CVM, next "
-                     "rule if unsuccessful",
-                     "rule 1F0A: No CVM required, condition 0A (not defined), fail if unsuccessful",
-                     "odd length: the last byte is not a whole rule"}));
+    EXPECT_EQ(
+        ExplainCvmList(FromHex("000003E8 00000000 4203 1F0A 1F")),
+        (Lines{"amount X 1000, amount Y 0",
+               "rule 4203: Enciphered PIN verified online, if the terminal supports the CVM, next "
+               "rule if unsuccessful",
+               "rule 1F0A: No CVM required, condition 0A (not defined), fail if unsuccessful",
+               "odd length: the last byte is not a whole rule"}));
     EXPECT_EQ(ExplainAfl(FromHex("08010301 100101")),
-              (Lines{"SFI 1, records 1 to 3, 1 for offline data authentication", "length not a multiple of 4"}));
+              (Lines{"SFI 1, records 1 to 3, 1 for offline data authentication",
+                     "length not a multiple of 4"}));
 }
 
 TEST(Explain, CryptogramInformationData) {
     EXPECT_EQ(ExplainCid(FromHex("80")), "ARQC (online authorisation requested)");
-    EXPECT_EQ(ExplainCid(FromHex("4A")), "TC (approved offline), advice required, PIN try limit exceeded");
+    EXPECT_EQ(ExplainCid(FromHex("4A")),
+              "TC (approved offline), advice required, PIN try limit exceeded");
     EXPECT_EQ(ExplainCid(FromHex("C0")), "type C0 (not allowed)");
 }
 
@@ -82,18 +86,21 @@ TEST(Explain, UserInterfaceRequestData) {
     const auto ui = ParseUiRequest(FromHex("03 04 000013 656E000000000000 20 000000001500 0978"));
     ASSERT_TRUE(ui);
     EXPECT_EQ(DescribeUiRequest(*ui),
-              "\"Approved\" (03), status Card read successfully, hold 1900 ms, language en, balance 15.00 EUR");
+              "\"Approved\" (03), status Card read successfully, hold 1900 ms, language en, "
+              "balance 15.00 EUR");
     EXPECT_FALSE(ParseUiRequest(FromHex("0304")));
     // A value whose currency is not BCD is shown without a currency.
     const auto odd = ParseUiRequest(FromHex("10 04 000000 0000000000000000 20 000000000100 FFFF"));
-    EXPECT_EQ(DescribeUiRequest(*odd), "\"Remove card\" (10), status Card read successfully, balance 1.00");
+    EXPECT_EQ(DescribeUiRequest(*odd),
+              "\"Remove card\" (10), status Card read successfully, balance 1.00");
 }
 
 TEST(Explain, KernelStatusesByCodeOrByArea) {
     EXPECT_EQ(KernelStatusText(0), "0x00000: success");
     EXPECT_EQ(KernelStatusText(0x30101), "0x30101: stopped by the host (signal A1)");
     EXPECT_EQ(KernelStatusText(0x31314), "0x31314: failure in issuer certificate");
-    EXPECT_EQ(KernelStatusText(0x3FF02), "0x3FF02: failure in the terminal host (velk-term) failed to answer a request");
+    EXPECT_EQ(KernelStatusText(0x3FF02),
+              "0x3FF02: failure in the terminal host (velk-term) failed to answer a request");
     EXPECT_EQ(KernelStatusText(0x12345), "0x12345: not a status this tool knows");
 }
 
@@ -108,7 +115,8 @@ TEST(Explain, AmountsAndValues) {
     EXPECT_EQ(ExplainValue(0x8A, FromHex("3030")), Lines{"approved by the issuer"});
     EXPECT_EQ(ExplainValue(0x8A, FromHex("3531")), Lines{"declined by the issuer"});
     EXPECT_EQ(ExplainValue(0x5F2A, FromHex("0840")), Lines{"USD"});
-    EXPECT_EQ(ExplainValue(0x9F74, FromHex("0102")), Lines{"an update failed, 2 data element(s) updated"});
+    EXPECT_EQ(ExplainValue(0x9F74, FromHex("0102")),
+              Lines{"an update failed, 2 data element(s) updated"});
 }
 
 TEST(Explain, DecodeKeepsTagsThatStartWithFf) {
@@ -121,24 +129,26 @@ TEST(Explain, DecodeKeepsTagsThatStartWithFf) {
     EXPECT_EQ(lines[10], "  FF8105 Data Record");
     // Padding between a card's records is still skipped.
     EXPECT_EQ(DecodeLines(FromHex("9F3602000100FF")).size(), 1u);
-    EXPECT_EQ(DecodeLines(FromHex("9F3605")),
-              Lines{"not TLV (TLV: value past the end): 9F3605"});
+    EXPECT_EQ(DecodeLines(FromHex("9F3605")), Lines{"not TLV (TLV: value past the end): 9F3605"});
     const auto json = DecodeJson(FromHex("9505 8000000000"));
     EXPECT_EQ(json[0]["name"], "Terminal Verification Results");
-    EXPECT_EQ(json[0]["explain"][0], "byte 1 bit 80: Offline data authentication was not performed");
+    EXPECT_EQ(json[0]["explain"][0],
+              "byte 1 bit 80: Offline data authentication was not performed");
     EXPECT_EQ(DecodeJson(FromHex("95"))["hex"], "95");
 }
 
 TEST(TagDictionary, EachTagOnceAndEveryTagOfTheOutcomeNamed) {
     std::set<uint32_t> seen;
-    for (uint32_t tag : {0xDF8129u, 0xDF8116u, 0x9F8117u, 0xFF8105u, 0xFF8106u, 0x9F8211u, 0x95u, 0x9F27u})
+    for (uint32_t tag :
+         {0xDF8129u, 0xDF8116u, 0x9F8117u, 0xFF8105u, 0xFF8106u, 0x9F8211u, 0x95u, 0x9F27u})
         EXPECT_NE(FindTag(tag), nullptr) << TagHex(tag);
     EXPECT_EQ(TagName(0xDF7F), "unknown tag");
     EXPECT_EQ(TagHex(0x9F02), "9F02");
     EXPECT_EQ(TagHex(0x5A), "5A");
     for (const TagInfo &t : AllTags()) {
         EXPECT_TRUE(seen.insert(t.tag).second) << TagHex(t.tag) << " twice";
-        EXPECT_TRUE(velk::card::ParseTagText(TagHex(t.tag))) << TagHex(t.tag) << " is not a BER tag";
+        EXPECT_TRUE(velk::card::ParseTagText(TagHex(t.tag)))
+            << TagHex(t.tag) << " is not a BER tag";
     }
 }
 

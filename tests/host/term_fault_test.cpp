@@ -38,14 +38,18 @@ INSTANTIATE_TEST_SUITE_P(
     Faults, FaultParse,
     ::testing::Values(
         ParseCase{"tear@gac1", Fault::Action::kTear, "gac1", 1, Fault::Change::kNone},
-        ParseCase{"cancel@read-record#3", Fault::Action::kCancel, "read-record", 3, Fault::Change::kNone},
+        ParseCase{"cancel@read-record#3", Fault::Action::kCancel, "read-record", 3,
+                  Fault::Change::kNone},
         ParseCase{"remove@any#7", Fault::Action::kRemove, "any", 7, Fault::Change::kNone},
         ParseCase{"mutate@gpo:sw=6985", Fault::Action::kMutate, "gpo", 1, Fault::Change::kSw},
         ParseCase{"mutate@gac2:drop=9F27", Fault::Action::kMutate, "gac2", 1, Fault::Change::kDrop},
-        ParseCase{"mutate@select#2:dup=84", Fault::Action::kMutate, "select", 2, Fault::Change::kDup},
-        ParseCase{"mutate@gac:truncate=4", Fault::Action::kMutate, "gac", 1, Fault::Change::kTruncate},
+        ParseCase{"mutate@select#2:dup=84", Fault::Action::kMutate, "select", 2,
+                  Fault::Change::kDup},
+        ParseCase{"mutate@gac:truncate=4", Fault::Action::kMutate, "gac", 1,
+                  Fault::Change::kTruncate},
         ParseCase{"mutate@gpo:length=-1", Fault::Action::kMutate, "gpo", 1, Fault::Change::kLength},
-        ParseCase{"mutate@echo:append=9000", Fault::Action::kMutate, "echo", 1, Fault::Change::kAppend}),
+        ParseCase{"mutate@echo:append=9000", Fault::Action::kMutate, "echo", 1,
+                  Fault::Change::kAppend}),
     [](const auto &info) { return std::to_string(info.index); });
 
 class FaultRefused : public ::testing::TestWithParam<std::pair<const char *, const char *>> {};
@@ -84,12 +88,14 @@ TEST(FaultMutate, EachChangeDoesWhatItSays) {
     EXPECT_EQ(Mutated("mutate@gpo:sw=6985", gpo), FromHex("770A82021900940408010100 6985"));
     // Dropping or doubling an element keeps the templates' lengths right.
     EXPECT_EQ(Mutated("mutate@gpo:drop=82", gpo), FromHex("7706 940408010100 9000"));
-    EXPECT_EQ(Mutated("mutate@gpo:dup=82", gpo), FromHex("770E 82021900 82021900 940408010100 9000"));
+    EXPECT_EQ(Mutated("mutate@gpo:dup=82", gpo),
+              FromHex("770E 82021900 82021900 940408010100 9000"));
     EXPECT_EQ(Mutated("mutate@gpo:drop=5A", gpo), FromHex(gpo));  // absent: unchanged
     EXPECT_EQ(Mutated("mutate@gpo:truncate=3", gpo), FromHex("770A82021900940408 9000"));
     EXPECT_EQ(Mutated("mutate@gpo:truncate=99", gpo), FromHex("9000"));
     EXPECT_EQ(Mutated("mutate@gpo:length=+2", gpo), FromHex("770C82021900940408010100 9000"));
-    EXPECT_EQ(Mutated("mutate@gpo:length=-1", "9F4B 8103 010203 9000"), FromHex("9F4B8102010203 9000"));
+    EXPECT_EQ(Mutated("mutate@gpo:length=-1", "9F4B 8103 010203 9000"),
+              FromHex("9F4B8102010203 9000"));
     EXPECT_EQ(Mutated("mutate@gpo:append=FF00", gpo), FromHex("770A82021900940408010100FF00 9000"));
     // Data that is not TLV cannot lose an element.
     EXPECT_EQ(Mutated("mutate@gpo:drop=82", "0102 9000"), FromHex("0102 9000"));
@@ -109,7 +115,8 @@ protected:
         c.Transmit(Gpo(card_.Profile().applications[0].pdol.RelatedLength()));
     }
     Bytes Gac(FaultyCard &c) {
-        return c.Transmit(GenerateAc(0x80, Bytes(card_.Profile().applications[0].cdol1.RelatedLength(), 0)));
+        return c.Transmit(
+            GenerateAc(0x80, Bytes(card_.Profile().applications[0].cdol1.RelatedLength(), 0)));
     }
     static CardErrorKind KindOf(const std::function<void()> &f) {
         try {
@@ -139,8 +146,9 @@ TEST_F(FaultyCardTest, CancelStopsBeforeTheCardSeesTheCommand) {
     FaultyCard c = With({"cancel@gpo"});
     c.Transmit(Select(card_.Profile().applications[0].aid));
     const uint16_t atc = card_.Atc();
-    EXPECT_EQ(KindOf([&] { c.Transmit(Gpo(card_.Profile().applications[0].pdol.RelatedLength())); }),
-              CardErrorKind::kCancelled);
+    EXPECT_EQ(
+        KindOf([&] { c.Transmit(Gpo(card_.Profile().applications[0].pdol.RelatedLength())); }),
+        CardErrorKind::kCancelled);
     EXPECT_EQ(card_.Atc(), atc);
 }
 
@@ -156,7 +164,8 @@ TEST_F(FaultyCardTest, ARemovedCardStaysAway) {
 }
 
 TEST_F(FaultyCardTest, OccurrencesCountPerCommandAndGenerateAcsCountFromTheGpo) {
-    FaultyCard c = With({"mutate@any#3:sw=6A80", "mutate@gac2:sw=6985", "mutate@get-data#2:sw=6A88"});
+    FaultyCard c =
+        With({"mutate@any#3:sw=6A80", "mutate@gac2:sw=6985", "mutate@get-data#2:sw=6A88"});
     Start(c);  // SELECT, GPO: exchanges 1 and 2 of "any"
     EXPECT_EQ(Sw(c.Transmit(FromHex("80CA9F3600"))), 0x6A80);  // any #3
     EXPECT_EQ(Sw(c.Transmit(FromHex("80CA9F3600"))), 0x6A88);  // get-data #2

@@ -36,7 +36,9 @@ protected:
         return reply;
     }
     static FakeKernel &kernel() { return FakeKernel::Instance(); }
-    static std::optional<Bytes> Value(const Bytes &reply, uint32_t tag) { return FakeKernel::ReplyValue(reply, tag); }
+    static std::optional<Bytes> Value(const Bytes &reply, uint32_t tag) {
+        return FakeKernel::ReplyValue(reply, tag);
+    }
 
     TerminalProfile terminal_ = TerminalNamed("pos");
     velk::card::VirtualCard card_;
@@ -51,14 +53,16 @@ TEST_F(HostTest, TerminalParametersAreTheProfilesDataObjects) {
 }
 
 TEST_F(HostTest, ApplicationParametersByAidAndARefusalForAnUnknownOne) {
-    const Bytes reply = Call(0xD3, Cat({Tlv(0x9F06, FromHex("F056454C4B1010")), Tlv(0x9C, Bytes{0})}));
+    const Bytes reply =
+        Call(0xD3, Cat({Tlv(0x9F06, FromHex("F056454C4B1010")), Tlv(0x9C, Bytes{0})}));
     EXPECT_EQ(reply, Tlv(0x7F01, terminal_.FindApplication(FromHex("F056454C4B1010"))->parameters));
     Call(0xD3, Tlv(0x9F06, FromHex("A000000099")), kHostRefused);
     Call(0xD3, {}, kHostRefused);
 }
 
 TEST_F(HostTest, CaPublicKeyByRidAndIndexOrAnEmptyAnswer) {
-    const Bytes reply = Call(0xD4, Cat({Tlv(0x9F06, FromHex("F056454C4B1010")), Tlv(0x8F, Bytes{0xF1})}));
+    const Bytes reply =
+        Call(0xD4, Cat({Tlv(0x9F06, FromHex("F056454C4B1010")), Tlv(0x8F, Bytes{0xF1})}));
     const CaKey *key = terminal_.FindCaKey(FromHex("F056454C4B"), 0xF1);
     ASSERT_NE(key, nullptr);
     EXPECT_EQ(Value(reply, 0xDF8201), key->modulus);
@@ -96,7 +100,8 @@ TEST_F(HostTest, DisplayPowerOffExceptionFileAndRevocation) {
     EXPECT_EQ(Call(0xD7, Tlv(0xDF8116, uird)), FromHex("7F0100"));
     const auto &events = trace_.Events();
     ASSERT_GE(events.size(), 2u);
-    EXPECT_EQ(events[events.size() - 2].type, TraceEvent::Type::kDisplay);  // then the callback itself
+    EXPECT_EQ(events[events.size() - 2].type,
+              TraceEvent::Type::kDisplay);  // then the callback itself
     EXPECT_EQ(events[events.size() - 2].first, uird);
 
     const auto listed = [&](const char *pan, const char *psn) {
@@ -131,8 +136,8 @@ TEST_F(HostTest, RestartTakesTheOutcomePacketWithItsCommandLast) {
     int restarts = 0;
     host_->on_restart = [&] { ++restarts; };
     const Bytes restart_ui = FromHex("210200000000000000000000000000000000000000");
-    const Bytes msg = Tlv(0x7F01, Cat({Tlv(0xDF8129, FromHex("7010F0F0C0F01300")), Tlv(0x9F8117, restart_ui),
-                                       Tlv(0xDF00, Bytes{0xFE})}));
+    const Bytes msg = Tlv(0x7F01, Cat({Tlv(0xDF8129, FromHex("7010F0F0C0F01300")),
+                                       Tlv(0x9F8117, restart_ui), Tlv(0xDF00, Bytes{0xFE})}));
     uint32_t status = 1;
     EXPECT_EQ(kernel().Raw(msg, &status), FromHex("7F0100"));
     EXPECT_EQ(status, 0u);
@@ -197,7 +202,9 @@ public:
     void PowerOff() override {}
     bool Present() override { return true; }
     bool WaitPresent(std::chrono::milliseconds) override { return true; }
-    Bytes Transmit(std::span<const uint8_t>) override { throw std::runtime_error("the reader caught fire"); }
+    Bytes Transmit(std::span<const uint8_t>) override {
+        throw std::runtime_error("the reader caught fire");
+    }
 };
 
 TEST(HostTrampoline, ExceptionsNeverReachTheKernel) {
@@ -209,11 +216,13 @@ TEST(HostTrampoline, ExceptionsNeverReachTheKernel) {
     KernelSession session(FakeKernel::Api(), host);
     host.Bind(&session);
     uint32_t status = 0;
-    const Bytes reply = FakeKernel::Instance().Call(0xF1, Tlv(0xDF01, FromHex("00A4040000")), &status);
+    const Bytes reply =
+        FakeKernel::Instance().Call(0xF1, Tlv(0xDF01, FromHex("00A4040000")), &status);
     EXPECT_EQ(status, kHostFailed);
     ASSERT_EQ(host.Errors().size(), 1u);
     EXPECT_EQ(host.Errors()[0], "the reader caught fire");
-    EXPECT_THROW(KernelSession(FakeKernel::Api(), host), std::logic_error);  // one session at a time
+    EXPECT_THROW(KernelSession(FakeKernel::Api(), host),
+                 std::logic_error);  // one session at a time
 }
 
 }  // namespace

@@ -87,8 +87,14 @@ TEST_F(TransactionTest, SelectNextOffersTheNextCandidateWithItsOwnSelectResponse
         const auto s = kernel().TakeSignal();
         if (s) fcis.push_back(s->data);
     };
-    kernel().programs.push_back([&](const Bytes &) { take(); return Outcome(0x50); });
-    kernel().programs.push_back([&](const Bytes &) { take(); return Outcome(0x10); });
+    kernel().programs.push_back([&](const Bytes &) {
+        take();
+        return Outcome(0x50);
+    });
+    kernel().programs.push_back([&](const Bytes &) {
+        take();
+        return Outcome(0x10);
+    });
     const TransactionReport r = Run("two-apps");
     ASSERT_EQ(r.entries.size(), 2u);
     ASSERT_EQ(fcis.size(), 2u);
@@ -106,7 +112,8 @@ TEST_F(TransactionTest, ASelectNextWithNoCandidateLeftEndsThere) {
 
 // An APDU sent to the card through the host, as the kernel sends it.
 Bytes CardExchange(const Bytes &apdu) {
-    return FakeKernel::ReplyValue(FakeKernel::Instance().Call(0xF1, Tlv(0xDF01, apdu)), 0xDF03).value_or(Bytes{});
+    return FakeKernel::ReplyValue(FakeKernel::Instance().Call(0xF1, Tlv(0xDF01, apdu)), 0xDF03)
+        .value_or(Bytes{});
 }
 
 // An online request whose data record holds what the issuer needs: the
@@ -188,13 +195,15 @@ TEST_F(TransactionTest, WithoutAnOutcomeTheReportSaysSo) {
     EXPECT_EQ(r.result, "NO OUTCOME");
     ASSERT_GE(r.why.size(), 2u);
     EXPECT_EQ(r.why[0], "The kernel ended without an outcome: the kernel's output is empty.");
-    EXPECT_EQ(r.why[1], "Kernel entry 1 returned 0x33003: the transaction input is not well-formed.");
+    EXPECT_EQ(r.why[1],
+              "Kernel entry 1 returned 0x33003: the transaction input is not well-formed.");
 }
 
 TEST_F(TransactionTest, ARestartWaitsForTheCardAndCountsInTheReport) {
     kernel().programs.push_back([](const Bytes &) {
         kernel().TakeSignal();
-        const Bytes packet = Cat({Tlv(0xDF8129, FromHex("7010F0F0C0F01300")), Tlv(0xDF00, Bytes{0xFE})});
+        const Bytes packet =
+            Cat({Tlv(0xDF8129, FromHex("7010F0F0C0F01300")), Tlv(0xDF00, Bytes{0xFE})});
         kernel().Raw(Tlv(0x7F01, packet));
         kernel().Call(0xD6, {});
         const auto s = kernel().TakeSignal();
@@ -243,10 +252,12 @@ INSTANTIATE_TEST_SUITE_P(
     Transactions, Amounts,
     ::testing::Values(AmountCase{"25.00", 2, "000000002500"}, AmountCase{"25", 2, "000000002500"},
                       AmountCase{"0.5", 2, "000000000050"}, AmountCase{".5", 2, "000000000050"},
-                      AmountCase{"1234", 0, "000000001234"}, AmountCase{"9999999999.99", 2, "999999999999"},
-                      AmountCase{"0000000000025.00", 2, "000000002500"}, AmountCase{"1.234", 2, nullptr},
-                      AmountCase{"10000000000.00", 2, nullptr}, AmountCase{"12,00", 2, nullptr},
-                      AmountCase{"", 2, nullptr}, AmountCase{".", 2, nullptr}, AmountCase{"-1", 2, nullptr}),
+                      AmountCase{"1234", 0, "000000001234"},
+                      AmountCase{"9999999999.99", 2, "999999999999"},
+                      AmountCase{"0000000000025.00", 2, "000000002500"},
+                      AmountCase{"1.234", 2, nullptr}, AmountCase{"10000000000.00", 2, nullptr},
+                      AmountCase{"12,00", 2, nullptr}, AmountCase{"", 2, nullptr},
+                      AmountCase{".", 2, nullptr}, AmountCase{"-1", 2, nullptr}),
     [](const auto &info) { return std::to_string(info.index); });
 
 }  // namespace

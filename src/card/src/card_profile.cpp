@@ -57,7 +57,8 @@ Bytes Record::Encode() const {
 std::optional<Bytes> Application::RecordValue(uint32_t tag) const {
     for (const Record &r : records)
         for (const RecordItem &item : r.items)
-            if (item.tag == tag && (item.computed.empty() || !item.value.empty())) return item.value;
+            if (item.tag == tag && (item.computed.empty() || !item.value.empty()))
+                return item.value;
     return std::nullopt;
 }
 
@@ -153,8 +154,8 @@ std::vector<Record> ParseRecords(const Field &records) {
                 if (!text.empty() && text[0] == '@') {
                     item.computed = text.substr(1);
                     if (!IsComputedItemName(item.computed))
-                        value.Fail("unknown computed value '" + text + "' (known: " +
-                                   ComputedItemNames() + ")");
+                        value.Fail("unknown computed value '" + text +
+                                   "' (known: " + ComputedItemNames() + ")");
                 } else {
                     item.value = value.HexRange(0, 252);
                 }
@@ -189,8 +190,8 @@ void ParseGenerateAc(const Field &f, Application &app) {
 }
 
 OdaSpec ParseOda(const Field &f) {
-    f.OnlyKeys({"ca_key", "ca_index", "issuer_key", "icc_key", "issuer_expiry", "icc_expiry", "issuer_serial",
-                "icc_serial", "data_authentication_code", "icc_dynamic_number"});
+    f.OnlyKeys({"ca_key", "ca_index", "issuer_key", "icc_key", "issuer_expiry", "icc_expiry",
+                "issuer_serial", "icc_serial", "data_authentication_code", "icc_dynamic_number"});
     OdaSpec spec;
     spec.ca_key = f["ca_key"].String();
     spec.ca_index = ParseByte(f["ca_index"]);
@@ -237,8 +238,10 @@ void CheckCoherence(const Field &where, const Application &app) {
     const auto pan = app.RecordValue(0x5A);
     const auto track2 = app.RecordValue(0x57);
     const auto expiry = app.RecordValue(0x5F24);
-    if (!track2) where.Fail("the records hold no Track 2 Equivalent Data (57), which the kernel needs");
-    if (!app.RecordValue(0x8C)) where.Fail("the records hold no CDOL1 (8C), which the kernel needs");
+    if (!track2)
+        where.Fail("the records hold no Track 2 Equivalent Data (57), which the kernel needs");
+    if (!app.RecordValue(0x8C))
+        where.Fail("the records hold no CDOL1 (8C), which the kernel needs");
     const std::string t2 = ToHex(*track2);
     const size_t sep = t2.find('D');
     if (sep == std::string::npos || t2.size() < sep + 5)
@@ -268,7 +271,8 @@ void CheckCoherence(const Field &where, const Application &app) {
         for (int n = first; n <= last; ++n)
             if (!app.FindRecord(sfi, static_cast<uint8_t>(n)))
                 where.Fail("the AFL entry " + entry + " names record " + std::to_string(n) +
-                           " of SFI " + std::to_string(sfi) + ", which the profile does not define");
+                           " of SFI " + std::to_string(sfi) +
+                           ", which the profile does not define");
     }
 }
 
@@ -313,7 +317,8 @@ Application ParseApplication(const Field &f, bool check) {
     if (auto gd = f.Optional("get_data"))
         for (const auto &[key, value] : gd->Members()) {
             const auto tag = ParseTagText(key);
-            if (!tag || *tag > 0xFFFF) value.Fail("expected a tag of 1 or 2 bytes as the field name");
+            if (!tag || *tag > 0xFFFF)
+                value.Fail("expected a tag of 1 or 2 bytes as the field name");
             app.get_data[*tag] = value.HexRange(0, 250);
         }
     if (auto pd = f.Optional("put_data")) {
@@ -357,8 +362,9 @@ CardProfile ParseCardProfile(const Field &root) {
     p.source = root.File().path;
     p.name = root["name"].String();
     if (auto d = root.Optional("description")) p.description = d->String();
-    p.atr = root.Has("atr") ? root["atr"].HexRange(2, 33)
-                            : velk::host::FromHex("3B 8A 80 01 80 31 80 65 B0 83 11 00 83 00 90 00");
+    p.atr = root.Has("atr")
+                ? root["atr"].HexRange(2, 33)
+                : velk::host::FromHex("3B 8A 80 01 80 31 80 65 B0 83 11 00 83 00 90 00");
     if (auto ppse = root.Optional("ppse")) p.ppse = ppse->Bool();
     if (auto raw = root.Optional("ppse_raw")) p.ppse_raw = raw->HexRange(0, 256);
     const bool check = root.Has("checks") ? root["checks"].Bool() : true;
@@ -369,7 +375,8 @@ CardProfile ParseCardProfile(const Field &root) {
     } else {
         for (const Field &a : root["applications"].Elements())
             p.applications.push_back(ParseApplication(a, check));
-        if (p.applications.empty()) root["applications"].Fail("a card needs at least one application");
+        if (p.applications.empty())
+            root["applications"].Fail("a card needs at least one application");
     }
     return p;
 }

@@ -44,6 +44,24 @@ Bytes Aes(std::span<const uint8_t> key, std::span<const uint8_t> in) {
     return out;
 }
 
+void CheckKey(const CardKey &key) {
+    if (key.algorithm == CryptoAlgorithm::kTdes && key.master_key.size() != 16)
+        throw std::invalid_argument("3DES master key must be 16 bytes");
+    if (key.algorithm == CryptoAlgorithm::kAes && key.master_key.size() != 16 &&
+        key.master_key.size() != 24 && key.master_key.size() != 32)
+        throw std::invalid_argument("AES master key must be 16, 24 or 32 bytes");
+}
+
+Bytes Diversifier(uint16_t atc, uint8_t marker, size_t block) {
+    Bytes d(block, 0x00);
+    d[0] = static_cast<uint8_t>(atc >> 8);
+    d[1] = static_cast<uint8_t>(atc);
+    d[2] = marker;
+    return d;
+}
+
+}  // namespace
+
 Bytes AesCmac(std::span<const uint8_t> key, std::span<const uint8_t> data) {
     std::unique_ptr<EVP_MAC, MacFree> mac(EVP_MAC_fetch(nullptr, "CMAC", nullptr));
     if (!mac) Fail("no CMAC");
@@ -63,24 +81,6 @@ Bytes AesCmac(std::span<const uint8_t> key, std::span<const uint8_t> data) {
     out.resize(n);
     return out;
 }
-
-void CheckKey(const CardKey &key) {
-    if (key.algorithm == CryptoAlgorithm::kTdes && key.master_key.size() != 16)
-        throw std::invalid_argument("3DES master key must be 16 bytes");
-    if (key.algorithm == CryptoAlgorithm::kAes && key.master_key.size() != 16 &&
-        key.master_key.size() != 24 && key.master_key.size() != 32)
-        throw std::invalid_argument("AES master key must be 16, 24 or 32 bytes");
-}
-
-Bytes Diversifier(uint16_t atc, uint8_t marker, size_t block) {
-    Bytes d(block, 0x00);
-    d[0] = static_cast<uint8_t>(atc >> 8);
-    d[1] = static_cast<uint8_t>(atc);
-    d[2] = marker;
-    return d;
-}
-
-}  // namespace
 
 Bytes RetailMac(std::span<const uint8_t> key16, std::span<const uint8_t> data) {
     if (key16.size() != 16) throw std::invalid_argument("MAC key must be 16 bytes");

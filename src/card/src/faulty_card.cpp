@@ -10,9 +10,9 @@ namespace velk::card {
 
 namespace {
 
-constexpr const char *kCommands[] = {"select-ppse", "select", "gpo", "read-record", "get-data",
-                                     "put-data", "internal-authenticate", "gac", "gac1", "gac2",
-                                     "echo", "script", "any"};
+constexpr const char *kCommands[] = {
+    "select-ppse", "select", "gpo",  "read-record", "get-data", "put-data", "internal-authenticate",
+    "gac",         "gac1",   "gac2", "echo",        "script",   "any"};
 
 int ParseInt(std::string_view s, const std::string &text) {
     int v = 0;
@@ -27,7 +27,8 @@ int ParseInt(std::string_view s, const std::string &text) {
 
 uint32_t ParseTag(std::string_view s, const std::string &text) {
     const auto tag = ParseTagText(s);
-    if (!tag) throw std::invalid_argument("fault '" + text + "': '" + std::string(s) + "' is not a tag");
+    if (!tag)
+        throw std::invalid_argument("fault '" + text + "': '" + std::string(s) + "' is not a tag");
     return *tag;
 }
 
@@ -65,7 +66,8 @@ Fault Fault::Parse(const std::string &text) {
     f.text = text;
     const size_t at = text.find('@');
     if (at == std::string::npos)
-        throw std::invalid_argument("fault '" + text + "': expected ACTION@COMMAND, e.g. tear@gac1");
+        throw std::invalid_argument("fault '" + text +
+                                    "': expected ACTION@COMMAND, e.g. tear@gac1");
     const std::string action = text.substr(0, at);
     std::string rest = text.substr(at + 1);
     if (action == "tear")
@@ -126,7 +128,8 @@ Fault Fault::Parse(const std::string &text) {
     } else if (key == "truncate") {
         f.change = Change::kTruncate;
         f.amount = ParseInt(value, text);
-        if (f.amount < 1) throw std::invalid_argument("fault '" + text + "': truncate=N needs N >= 1");
+        if (f.amount < 1)
+            throw std::invalid_argument("fault '" + text + "': truncate=N needs N >= 1");
     } else if (key == "length") {
         f.change = Change::kLength;
         f.amount = ParseInt(value, text);
@@ -235,7 +238,8 @@ Bytes FaultyCard::Transmit(std::span<const uint8_t> command) {
         fired_.push_back(a.fault.text);
         switch (a.fault.action) {
             case Fault::Action::kCancel:
-                throw CardError(CardErrorKind::kCancelled, "stopped on the terminal (" + a.fault.text + ")");
+                throw CardError(CardErrorKind::kCancelled,
+                                "stopped on the terminal (" + a.fault.text + ")");
             case Fault::Action::kRemove:
                 removed_ = true;
                 throw CardError(CardErrorKind::kRemoved, "card removed (" + a.fault.text + ")");

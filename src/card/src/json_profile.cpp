@@ -60,14 +60,15 @@ std::shared_ptr<const JsonFile> LoadJsonFile(const std::filesystem::path &path) 
 
 namespace {
 
-Json LoadMerged(const std::filesystem::path &path, std::initializer_list<std::string_view> path_keys,
-               int depth) {
+Json LoadMerged(const std::filesystem::path &path,
+                std::initializer_list<std::string_view> path_keys, int depth) {
     const auto file = LoadJsonFile(path);
     Json doc = file->doc;
     if (!doc.is_object()) return doc;
     const Field self(file);
     for (std::string_view key : path_keys)
-        if (auto f = self.Optional(key); f && f->IsString()) doc[std::string(key)] = f->FilePath().string();
+        if (auto f = self.Optional(key); f && f->IsString())
+            doc[std::string(key)] = f->FilePath().string();
     if (!doc.contains("extends")) return doc;
     const std::filesystem::path base = self["extends"].FilePath();
     if (depth >= 8) self["extends"].Fail("files extend each other more than 8 deep");
@@ -79,8 +80,8 @@ Json LoadMerged(const std::filesystem::path &path, std::initializer_list<std::st
 
 }  // namespace
 
-std::shared_ptr<const JsonFile> LoadJsonFileWithBase(const std::filesystem::path &path,
-                                                     std::initializer_list<std::string_view> path_keys) {
+std::shared_ptr<const JsonFile> LoadJsonFileWithBase(
+    const std::filesystem::path &path, std::initializer_list<std::string_view> path_keys) {
     auto file = std::make_shared<JsonFile>();
     file->path = path;
     file->doc = LoadMerged(path, path_keys, 0);
@@ -232,8 +233,8 @@ std::vector<std::pair<std::string, Field>> Field::Members() const {
     Expect(value_->is_object(), "an object");
     std::vector<std::pair<std::string, Field>> out;
     for (auto it = value_->begin(); it != value_->end(); ++it)
-        out.emplace_back(it.key(), Field(file_, &it.value(),
-                                         path_.empty() ? it.key() : path_ + "." + it.key()));
+        out.emplace_back(
+            it.key(), Field(file_, &it.value(), path_.empty() ? it.key() : path_ + "." + it.key()));
     return out;
 }
 

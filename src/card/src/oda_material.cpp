@@ -70,7 +70,8 @@ void Fill(Application &app, const std::string &name, const Bytes &value) {
 // carries no remainder data object at all.
 void DropEmpty(Application &app, const std::string &name) {
     for (Record &r : app.records)
-        std::erase_if(r.items, [&](const RecordItem &i) { return i.computed == name && i.value.empty(); });
+        std::erase_if(r.items,
+                      [&](const RecordItem &i) { return i.computed == name && i.value.empty(); });
 }
 
 }  // namespace
@@ -107,7 +108,8 @@ void ResolveComputedItems(Application &app) {
         for (const RecordItem &item : r.items)
             computed = computed || !item.computed.empty();
     if (!app.oda) {
-        if (computed) throw std::runtime_error("oda: computed record values need an \"oda\" section");
+        if (computed)
+            throw std::runtime_error("oda: computed record values need an \"oda\" section");
         return;
     }
     const OdaSpec &spec = *app.oda;
@@ -120,7 +122,8 @@ void ResolveComputedItems(Application &app) {
     ir.issuer_identifier = pan.substr(0, std::min<size_t>(pan.size(), 8));
     ir.expiry = velk::host::ToHex(spec.issuer_expiry);
     std::copy(spec.issuer_serial.begin(), spec.issuer_serial.end(), ir.serial.begin());
-    const velk::pki::IssuerCertificate ic = velk::pki::MakeIssuerCertificate(backend, ca, issuer, ir);
+    const velk::pki::IssuerCertificate ic =
+        velk::pki::MakeIssuerCertificate(backend, ca, issuer, ir);
     Fill(app, "ca_index", Bytes{spec.ca_index});
     Fill(app, "issuer_certificate", ic.certificate);
     Fill(app, "issuer_remainder", ic.remainder);
@@ -147,7 +150,8 @@ void ResolveComputedItems(Application &app) {
         velk::pki::StaticDataToAuthenticate(OdaRecords(app), with_aip ? app.aip : Bytes{});
     if (icc != nullptr) {
         cr.static_data = static_data;
-        Fill(app, "icc_certificate", velk::pki::MakeIccCertificate(backend, issuer, *icc, cr).certificate);
+        Fill(app, "icc_certificate",
+             velk::pki::MakeIccCertificate(backend, issuer, *icc, cr).certificate);
         app.oda_keys = std::make_shared<OdaKeys>(OdaKeys{*icc});
     }
     velk::pki::StaticDataRequest sr;
@@ -159,7 +163,8 @@ void ResolveComputedItems(Application &app) {
     for (const Record &r : app.records)
         for (const RecordItem &item : r.items)
             if (!item.computed.empty() && item.value.empty())
-                throw std::runtime_error("oda: @" + item.computed + " needs an ICC key (oda.icc_key)");
+                throw std::runtime_error("oda: @" + item.computed +
+                                         " needs an ICC key (oda.icc_key)");
 }
 
 Bytes SignDda(const OdaKeys &keys, std::span<const uint8_t> icc_dynamic_number,

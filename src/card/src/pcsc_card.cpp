@@ -41,11 +41,13 @@ std::vector<std::string> PcscContext::Readers() const {
     DWORD len = 0;
     LONG rv = SCardListReaders(ctx_, nullptr, nullptr, &len);
     if (rv == SCARD_E_NO_READERS_AVAILABLE) return {};
-    if (rv != SCARD_S_SUCCESS) throw CardError(CardErrorKind::kReader, PcscMessage("SCardListReaders", rv));
+    if (rv != SCARD_S_SUCCESS)
+        throw CardError(CardErrorKind::kReader, PcscMessage("SCardListReaders", rv));
     std::string buf(len, '\0');
     rv = SCardListReaders(ctx_, nullptr, buf.data(), &len);
     if (rv == SCARD_E_NO_READERS_AVAILABLE) return {};
-    if (rv != SCARD_S_SUCCESS) throw CardError(CardErrorKind::kReader, PcscMessage("SCardListReaders", rv));
+    if (rv != SCARD_S_SUCCESS)
+        throw CardError(CardErrorKind::kReader, PcscMessage("SCardListReaders", rv));
     // A multi-string: names separated by NULs, ended by an empty one.
     std::vector<std::string> out;
     for (size_t pos = 0; pos < buf.size() && buf[pos] != '\0';) {
@@ -112,7 +114,8 @@ Bytes PcscCard::PowerOn() {
     BYTE atr[MAX_ATR_SIZE];
     DWORD atr_len = sizeof atr, state = 0, proto = 0, name_len = 0;
     rv = SCardStatus(card_, nullptr, &name_len, &state, &proto, atr, &atr_len);
-    if (rv != SCARD_S_SUCCESS) throw CardError(CardErrorKind::kReader, PcscMessage("SCardStatus", rv));
+    if (rv != SCARD_S_SUCCESS)
+        throw CardError(CardErrorKind::kReader, PcscMessage("SCardStatus", rv));
     return Bytes(atr, atr + atr_len);
 }
 
@@ -171,10 +174,12 @@ Bytes PcscCard::Transmit(std::span<const uint8_t> command) {
     Bytes data;
     while (out.size() >= 2 && out[out.size() - 2] == 0x61) {
         data.insert(data.end(), out.begin(), out.end() - 2);
-        const Bytes get_response{command.empty() ? uint8_t{0} : static_cast<uint8_t>(command[0] & 0x03),
-                                 0xC0, 0x00, 0x00, out.back()};
+        const Bytes get_response{
+            command.empty() ? uint8_t{0} : static_cast<uint8_t>(command[0] & 0x03), 0xC0, 0x00,
+            0x00, out.back()};
         out = TransmitOnce(get_response);
-        if (data.size() > 4096) throw CardError(CardErrorKind::kNoResponse, "endless GET RESPONSE chain");
+        if (data.size() > 4096)
+            throw CardError(CardErrorKind::kNoResponse, "endless GET RESPONSE chain");
     }
     data.insert(data.end(), out.begin(), out.end());
     return data;

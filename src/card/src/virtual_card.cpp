@@ -193,8 +193,8 @@ Bytes VirtualCard::InternalAuthenticate(const Command &c) {
     if (!app->ddol.Entries().empty() && c.data.size() != app->ddol.RelatedLength())
         return Sw(kSwWrongLength);
     const Bytes sdad = SignDda(*app->oda_keys, DynamicNumber(*s), c.data);
-    const Bytes body = app->internal_authenticate_format == 1 ? Tlv(0x80, sdad)
-                                                              : Tlv(0x77, Tlv(0x9F4B, sdad));
+    const Bytes body =
+        app->internal_authenticate_format == 1 ? Tlv(0x80, sdad) : Tlv(0x77, Tlv(0x9F4B, sdad));
     return WithStatus(body, kSwOk);
 }
 
@@ -225,8 +225,9 @@ Bytes VirtualCard::GenerateAcResponse(AppState &s, const Command &c, bool second
         // declines the transaction.
         const auto iad = dol.Value(c.data, 0x91);
         const auto arc = dol.Value(c.data, 0x8A);
-        const bool valid = iad && arc && iad->size() >= 10 && s.arqc.size() == 8 &&
-                           Arpc(app.key, s.arqc_atc, s.arqc, *arc) == Bytes(iad->begin(), iad->begin() + 8);
+        const bool valid =
+            iad && arc && iad->size() >= 10 && s.arqc.size() == 8 &&
+            Arpc(app.key, s.arqc_atc, s.arqc, *arc) == Bytes(iad->begin(), iad->begin() + 8);
         if (!valid) given = Cryptogram::kAac;
     }
     const uint8_t cid = static_cast<uint8_t>(given);
@@ -244,11 +245,11 @@ Bytes VirtualCard::GenerateAcResponse(AppState &s, const Command &c, bool second
     }
 
     const Bytes c5 = !second && app.gac_c5 ? Tlv(0xC5, *app.gac_c5) : Bytes{};
-    const bool cda = !second && (c.p1 & 0x10) != 0 && app.cda && app.oda_keys &&
-                     given != Cryptogram::kAac;
+    const bool cda =
+        !second && (c.p1 & 0x10) != 0 && app.cda && app.oda_keys && given != Cryptogram::kAac;
     if (!cda) {
-        const Bytes body = Cat({Tlv(0x9F27, Bytes{cid}), Tlv(0x9F36, atc), Tlv(0x9F26, ac),
-                                Tlv(0x9F10, app.iad), c5});
+        const Bytes body = Cat(
+            {Tlv(0x9F27, Bytes{cid}), Tlv(0x9F36, atc), Tlv(0x9F26, ac), Tlv(0x9F10, app.iad), c5});
         return WithStatus(Tlv(0x77, body), kSwOk);
     }
     // Combined DDA/AC generation: the cryptogram travels inside the signature,

@@ -22,7 +22,8 @@ bool ReadFull(int fd, uint8_t *out, size_t n, const std::atomic<bool> &stop) {
         const int ready = poll(&p, 1, 200);
         if (stop.load()) return false;
         if (ready < 0 && errno == EINTR) continue;
-        if (ready < 0) throw CardError(CardErrorKind::kReader, std::string("poll: ") + std::strerror(errno));
+        if (ready < 0)
+            throw CardError(CardErrorKind::kReader, std::string("poll: ") + std::strerror(errno));
         if (ready == 0) continue;
         const ssize_t r = read(fd, out + got, n - got);
         if (r == 0) return false;
@@ -63,7 +64,9 @@ void WriteMessage(int fd, const Bytes &message) {
     while (sent < out.size()) {
         const ssize_t w = send(fd, out.data() + sent, out.size() - sent, MSG_NOSIGNAL);
         if (w < 0 && errno == EINTR) continue;
-        if (w <= 0) throw CardError(CardErrorKind::kReader, std::string("vpcd: send: ") + std::strerror(errno));
+        if (w <= 0)
+            throw CardError(CardErrorKind::kReader,
+                            std::string("vpcd: send: ") + std::strerror(errno));
         sent += static_cast<size_t>(w);
     }
 }
@@ -80,7 +83,8 @@ void VpcdClient::Connect(std::chrono::milliseconds timeout) {
         hints.ai_socktype = SOCK_STREAM;
         addrinfo *found = nullptr;
         const int gai = getaddrinfo(host_.c_str(), std::to_string(port_).c_str(), &hints, &found);
-        if (gai != 0) throw CardError(CardErrorKind::kReader, "vpcd: " + host_ + ": " + gai_strerror(gai));
+        if (gai != 0)
+            throw CardError(CardErrorKind::kReader, "vpcd: " + host_ + ": " + gai_strerror(gai));
         std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> list(found, freeaddrinfo);
         for (addrinfo *a = found; a != nullptr; a = a->ai_next) {
             Socket s(socket(a->ai_family, a->ai_socktype, a->ai_protocol));

@@ -42,8 +42,10 @@ std::vector<Candidate> CandidatesFromPpse(const TerminalProfile &terminal, const
         if (app == nullptr) continue;
         Candidate c;
         c.aid = aid->value;
-        if (const auto *label = velk::host::Find(entry.children, 0x50)) c.label = Text(label->value);
-        if (const auto *prio = velk::host::Find(entry.children, 0x87); prio && prio->value.size() == 1)
+        if (const auto *label = velk::host::Find(entry.children, 0x50))
+            c.label = Text(label->value);
+        if (const auto *prio = velk::host::Find(entry.children, 0x87);
+            prio && prio->value.size() == 1)
             c.priority = prio->value[0] & 0x0F;
         c.kernel_id = app->kernel_id;
         if (!c.kernel_id)

@@ -2,8 +2,8 @@
 
 #include <cstdio>
 
-#include "velk/host/tlv.hpp"
 #include "velk/card/card.hpp"
+#include "velk/host/tlv.hpp"
 #include "velk/term/tags.hpp"
 
 namespace velk::term {
@@ -177,7 +177,10 @@ std::string CvmCodeName(uint8_t code) {
 
 std::vector<std::string> ExplainCvmResults(ByteView r) {
     if (r.size() != 3) return {"CVM Results have 3 bytes, these have " + std::to_string(r.size())};
-    const char *result = r[2] == 0 ? "unknown" : r[2] == 1 ? "failed" : r[2] == 2 ? "successful" : "?";
+    const char *result = r[2] == 0   ? "unknown"
+                         : r[2] == 1 ? "failed"
+                         : r[2] == 2 ? "successful"
+                                     : "?";
     return {"CVM performed: " + CvmCodeName(r[0]),
             "condition: " + (r[0] == 0x3F ? std::string("none") : ConditionName(r[1])),
             std::string("result: ") + result};
@@ -188,9 +191,10 @@ std::vector<std::string> ExplainCvmList(ByteView list) {
     std::vector<std::string> out{"amount X " + std::to_string(Be32(list, 0)) + ", amount Y " +
                                  std::to_string(Be32(list, 4))};
     for (size_t i = 8; i + 1 < list.size(); i += 2)
-        out.push_back("rule " + Hex2(list[i]) + Hex2(list[i + 1]) + ": " + CvmCodeName(list[i]) +
-                      ", " + ConditionName(list[i + 1]) +
-                      ((list[i] & 0x40) ? ", next rule if unsuccessful" : ", fail if unsuccessful"));
+        out.push_back(
+            "rule " + Hex2(list[i]) + Hex2(list[i + 1]) + ": " + CvmCodeName(list[i]) + ", " +
+            ConditionName(list[i + 1]) +
+            ((list[i] & 0x40) ? ", next rule if unsuccessful" : ", fail if unsuccessful"));
     if (list.size() % 2 != 0) out.push_back("odd length: the last byte is not a whole rule");
     return out;
 }
@@ -198,9 +202,9 @@ std::vector<std::string> ExplainCvmList(ByteView list) {
 std::vector<std::string> ExplainAfl(ByteView afl) {
     std::vector<std::string> out;
     for (size_t i = 0; i + 3 < afl.size(); i += 4)
-        out.push_back("SFI " + std::to_string(afl[i] >> 3) + ", records " + std::to_string(afl[i + 1]) +
-                      " to " + std::to_string(afl[i + 2]) + ", " + std::to_string(afl[i + 3]) +
-                      " for offline data authentication");
+        out.push_back("SFI " + std::to_string(afl[i] >> 3) + ", records " +
+                      std::to_string(afl[i + 1]) + " to " + std::to_string(afl[i + 2]) + ", " +
+                      std::to_string(afl[i + 3]) + " for offline data authentication");
     if (afl.size() % 4 != 0) out.push_back("length not a multiple of 4");
     return out;
 }
@@ -247,7 +251,8 @@ std::string OutcomeStatusName(uint8_t status) {
 }
 
 std::string StartName(uint8_t start) {
-    return Named(start, {{0x00, "A"}, {0x10, "B"}, {0x20, "C"}, {0x30, "D"}, {0xF0, "not applicable"}});
+    return Named(start,
+                 {{0x00, "A"}, {0x10, "B"}, {0x20, "C"}, {0x30, "D"}, {0xF0, "not applicable"}});
 }
 
 std::string OnlineResponseName(uint8_t value) {
@@ -265,10 +270,11 @@ std::string OutcomeCvmName(uint8_t cvm) {
 }
 
 std::vector<std::string> PresenceWords(uint8_t presence) {
-    static constexpr std::pair<uint8_t, const char *> kBits[] = {
-        {0x80, "UI request on outcome"}, {0x40, "UI request on restart"},
-        {0x20, "data record"},           {0x10, "discretionary data"},
-        {0x08, "receipt"}};
+    static constexpr std::pair<uint8_t, const char *> kBits[] = {{0x80, "UI request on outcome"},
+                                                                 {0x40, "UI request on restart"},
+                                                                 {0x20, "data record"},
+                                                                 {0x10, "discretionary data"},
+                                                                 {0x08, "receipt"}};
     std::vector<std::string> out;
     for (const auto &[mask, text] : kBits)
         if (presence & mask) out.push_back(text);
@@ -509,7 +515,9 @@ std::vector<std::string> ExplainValue(uint32_t tag, ByteView value) {
         }
         case 0x9F74:
             if (value.size() == 2)
-                return {std::string(value[0] == 2 ? "updates succeeded" : value[0] == 1 ? "an update failed" : "no result") +
+                return {std::string(value[0] == 2   ? "updates succeeded"
+                                    : value[0] == 1 ? "an update failed"
+                                                    : "no result") +
                         ", " + std::to_string(value[1]) + " data element(s) updated"};
             return {};
         default:

@@ -29,12 +29,18 @@ std::optional<Bytes> RequestValue(const std::vector<velk::host::TlvNode> &reques
 }
 
 const std::map<uint8_t, Host::Handler> Host::kHandlers = {
-    {0xD1, &Host::TerminalParameters}, {0xD3, &Host::AidParameters},
-    {0xD4, &Host::CaKey},              {0xD5, &Host::UnpredictableNumber},
-    {0xD6, &Host::CardActivation},     {0xD7, &Host::Display},
-    {0xDF, &Host::PowerOff},           {0xE6, &Host::ExceptionFile},
-    {0xE9, &Host::Revocation},         {0xF1, &Host::Apdu},
-    {0xA2, &Host::StoreContext},       {0xA3, &Host::FetchContext},
+    {0xD1, &Host::TerminalParameters},
+    {0xD3, &Host::AidParameters},
+    {0xD4, &Host::CaKey},
+    {0xD5, &Host::UnpredictableNumber},
+    {0xD6, &Host::CardActivation},
+    {0xD7, &Host::Display},
+    {0xDF, &Host::PowerOff},
+    {0xE6, &Host::ExceptionFile},
+    {0xE9, &Host::Revocation},
+    {0xF1, &Host::Apdu},
+    {0xA2, &Host::StoreContext},
+    {0xA3, &Host::FetchContext},
     {0xFE, &Host::Restart},
 };
 
@@ -83,7 +89,8 @@ uint32_t Host::OnCallback(uint8_t *buf, uint32_t *len) {
     Reply reply = (this->*(it->second))(payload);
     Bytes encoded = Tlv(reply.root, reply.children);
     if (encoded.size() > VELK_EXCHANGE_BUFFER_LEN) {
-        OnHostError("reply of " + std::to_string(encoded.size()) + " bytes does not fit the exchange buffer");
+        OnHostError("reply of " + std::to_string(encoded.size()) +
+                    " bytes does not fit the exchange buffer");
         reply.status = kHostReplyTooLong;
         encoded.clear();
     }
@@ -119,16 +126,17 @@ Host::Reply Host::AidParameters(const Request &r) {
 Host::Reply Host::CaKey(const Request &r) {
     const auto aid = RequestValue(r, 0x9F06);
     const auto index = RequestValue(r, 0x8F);
-    const velk::term::CaKey *key =
-        aid && aid->size() >= 5 && index && index->size() == 1
-            ? terminal_.FindCaKey(std::span(*aid).first(5), (*index)[0])
-            : nullptr;
+    const velk::term::CaKey *key = aid && aid->size() >= 5 && index && index->size() == 1
+                                       ? terminal_.FindCaKey(std::span(*aid).first(5), (*index)[0])
+                                       : nullptr;
     if (key == nullptr) {
         // No key: an empty answer, which the kernel reads as "not delivered".
-        trace_.Note(entry_, "no CA public key for RID " +
-                                (aid ? velk::host::ToHex(std::span(*aid).first(std::min<size_t>(5, aid->size())))
-                                     : std::string("?")) +
-                                " index " + (index ? velk::host::ToHex(*index) : std::string("?")));
+        trace_.Note(
+            entry_,
+            "no CA public key for RID " +
+                (aid ? velk::host::ToHex(std::span(*aid).first(std::min<size_t>(5, aid->size())))
+                     : std::string("?")) +
+                " index " + (index ? velk::host::ToHex(*index) : std::string("?")));
         return {};
     }
     return {0, 0x7F01, Cat({Tlv(0xDF8201, key->modulus), Tlv(0xDF8202, key->exponent)})};

@@ -21,8 +21,9 @@ IssuerConfig IssuerConfig::FromDecision(const std::string &decision) {
                std::isprint(static_cast<unsigned char>(decision[1]))) {
         c.arc = Bytes(decision.begin(), decision.end());
     } else {
-        throw std::invalid_argument("issuer decision '" + decision +
-                                    "': expected approve, decline or a two-character response code");
+        throw std::invalid_argument(
+            "issuer decision '" + decision +
+            "': expected approve, decline or a two-character response code");
     }
     return c;
 }
@@ -48,12 +49,14 @@ Bytes Fit(uint32_t tag, const Bytes &value, size_t length) {
     const TagFormat format = info ? info->format : TagFormat::kBinary;
     if (value.size() == length) return value;
     if (format == TagFormat::kNumeric) {
-        if (value.size() > length) return Bytes(value.end() - static_cast<std::ptrdiff_t>(length), value.end());
+        if (value.size() > length)
+            return Bytes(value.end() - static_cast<std::ptrdiff_t>(length), value.end());
         Bytes out(length - value.size(), 0x00);
         out.insert(out.end(), value.begin(), value.end());
         return out;
     }
-    Bytes out(value.begin(), value.begin() + static_cast<std::ptrdiff_t>(std::min(length, value.size())));
+    Bytes out(value.begin(),
+              value.begin() + static_cast<std::ptrdiff_t>(std::min(length, value.size())));
     out.resize(length, format == TagFormat::kCompressed ? 0xFF : 0x00);
     return out;
 }

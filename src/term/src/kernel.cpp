@@ -24,7 +24,8 @@ KernelLibrary::KernelLibrary(const std::string &path) {
     handle_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle_ == nullptr) {
         const char *why = dlerror();
-        throw KernelLoadError("cannot load the kernel " + path + ": " + (why ? why : "unknown error"));
+        throw KernelLoadError("cannot load the kernel " + path + ": " +
+                              (why ? why : "unknown error"));
     }
     const auto bind = [&](auto &fn, const char *name) {
         void *sym = dlsym(handle_, name);

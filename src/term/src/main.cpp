@@ -120,8 +120,7 @@ int Pay(const PayArgs &a) {
         secrets = SecretsOf(*virtual_card);
         card = std::move(virtual_card);
     }
-    if (a.trace)
-        velk::host::SetLogSink([](const char *line) { std::cerr << "kernel: " << line; });
+    if (a.trace) velk::host::SetLogSink([](const char *line) { std::cerr << "kernel: " << line; });
     const TransactionReport report = RunTransaction(kernel.Api(), terminal, *card, o, secrets);
     if (a.json)
         std::cout << ReportJson(report, a.trace).dump(2) << "\n";
@@ -159,7 +158,8 @@ int Tvr(const std::string &hex) {
 }
 
 int Run(const std::string &dir, const std::string &lib, int timeout, bool json) {
-    if (!std::filesystem::is_directory(dir)) throw ProfileError(dir + ": not a folder of scenarios");
+    if (!std::filesystem::is_directory(dir))
+        throw ProfileError(dir + ": not a folder of scenarios");
     const auto results = RunScenarioFolder(dir, Lib(lib), std::chrono::seconds(timeout));
     if (json) {
         nlohmann::ordered_json j = nlohmann::ordered_json::array();
@@ -211,32 +211,39 @@ int main(int argc, char **argv) {
     PayArgs pay;
     CLI::App *pay_cmd = app.add_subcommand("pay", "Run a transaction (the default command)");
     pay_cmd->footer(kExitCodes);
-    auto *card_opt = pay_cmd->add_option("--card", pay.card,
-                                         "Virtual card: a profile file or a bundled card's name")
+    auto *card_opt = pay_cmd
+                         ->add_option("--card", pay.card,
+                                      "Virtual card: a profile file or a bundled card's name")
                          ->capture_default_str();
     pay_cmd->add_option("--reader", pay.reader, "Use the card on this PC/SC reader instead")
         ->excludes(card_opt);
     pay_cmd->add_option("--terminal", pay.terminal, "Terminal profile: a file or a bundled name")
         ->capture_default_str();
-    pay_cmd->add_option("--amount", pay.amount, "Amount, authorised (e.g. 25.00)")->capture_default_str();
+    pay_cmd->add_option("--amount", pay.amount, "Amount, authorised (e.g. 25.00)")
+        ->capture_default_str();
     pay_cmd->add_option("--other-amount", pay.other_amount, "Amount, other (cashback)");
-    pay_cmd->add_option("--type", pay.type,
-                        "purchase, cash, cashback, refund, retrieval, update, auth, or 2 hex digits")
+    pay_cmd
+        ->add_option("--type", pay.type,
+                     "purchase, cash, cashback, refund, retrieval, update, auth, or 2 hex digits")
         ->capture_default_str();
     pay_cmd->add_option("--date", pay.date, "Transaction date YYMMDD (default: today)");
     pay_cmd->add_option("--time", pay.time, "Transaction time HHMMSS (default: now)");
-    pay_cmd->add_option("--issuer", pay.issuer,
-                        "Issuer's decision online: approve, decline, or a 2-character response code")
+    pay_cmd
+        ->add_option("--issuer", pay.issuer,
+                     "Issuer's decision online: approve, decline, or a 2-character response code")
         ->capture_default_str();
     pay_cmd->add_flag("--no-arpc", pay.no_arpc, "The issuer sends no authentication data (91)");
-    pay_cmd->add_option("--script", pay.scripts, "Issuer script template 71 or 72 in hex (repeatable)");
-    pay_cmd->add_option("--fault", pay.faults,
-                        "Fault ACTION@COMMAND[#N][:CHANGE], e.g. tear@gac1, cancel@gpo, remove@read-record#2, "
-                        "mutate@gpo:drop=82 (repeatable; see docs/velk-term.md)");
+    pay_cmd->add_option("--script", pay.scripts,
+                        "Issuer script template 71 or 72 in hex (repeatable)");
+    pay_cmd->add_option(
+        "--fault", pay.faults,
+        "Fault ACTION@COMMAND[#N][:CHANGE], e.g. tear@gac1, cancel@gpo, remove@read-record#2, "
+        "mutate@gpo:drop=82 (repeatable; see docs/velk-term.md)");
     pay_cmd->add_option("--seed", pay.seed, "Seed for unpredictable numbers (repeatable runs)");
     pay_cmd->add_flag("--trace", pay.trace, "Show every APDU (decoded), callback and signal");
     pay_cmd->add_flag("--json", pay.json, "Print the report as one JSON document");
-    pay_cmd->add_option("--lib", pay.lib, "The kernel library (default: " + KernelLibrary::DefaultPath() + ")");
+    pay_cmd->add_option("--lib", pay.lib,
+                        "The kernel library (default: " + KernelLibrary::DefaultPath() + ")");
 
     CLI::App *readers_cmd = app.add_subcommand("readers", "List the PC/SC readers");
     readers_cmd->footer(kExitCodes);
@@ -244,11 +251,13 @@ int main(int argc, char **argv) {
     std::string run_dir, run_lib;
     int run_timeout = 120;
     bool run_json = false;
-    CLI::App *run_cmd = app.add_subcommand("run", "Run a folder of scenarios and print a pass/fail table");
+    CLI::App *run_cmd =
+        app.add_subcommand("run", "Run a folder of scenarios and print a pass/fail table");
     run_cmd->footer(kExitCodes);
     run_cmd->add_option("DIR", run_dir, "Folder of scenario files (*.json)")->required();
     run_cmd->add_option("--lib", run_lib, "The kernel library");
-    run_cmd->add_option("--timeout", run_timeout, "Seconds allowed per scenario")->capture_default_str();
+    run_cmd->add_option("--timeout", run_timeout, "Seconds allowed per scenario")
+        ->capture_default_str();
     run_cmd->add_flag("--json", run_json, "Print the results as JSON");
 
     std::string decode_hex;
@@ -272,8 +281,10 @@ int main(int argc, char **argv) {
     serve_cmd->add_option("--card", serve_card, "Virtual card: a profile file or a bundled name")
         ->capture_default_str();
     serve_cmd->add_option("--host", serve_host, "Where vpcd listens")->capture_default_str();
-    serve_cmd->add_option("--port", serve_port, "vpcd's port (its first reader)")->capture_default_str();
-    serve_cmd->add_option("--wait", serve_wait, "Seconds to keep trying to connect")->capture_default_str();
+    serve_cmd->add_option("--port", serve_port, "vpcd's port (its first reader)")
+        ->capture_default_str();
+    serve_cmd->add_option("--wait", serve_wait, "Seconds to keep trying to connect")
+        ->capture_default_str();
 
     try {
         std::vector<std::string> args = WithDefaultCommand(argc, argv);

@@ -33,7 +33,8 @@ std::filesystem::path ResolveProfile(const std::string &name, const std::string 
         for (const auto &e : std::filesystem::directory_iterator(dir, ec))
             if (e.path().extension() == ".json")
                 known += (known.empty() ? "" : ", ") + e.path().stem().string();
-    throw velk::card::ProfileError(name + ": no such file, and no bundled " + kind + " profile of that name" +
+    throw velk::card::ProfileError(name + ": no such file, and no bundled " + kind +
+                                   " profile of that name" +
                                    (known.empty() ? "" : " (bundled: " + known + ")"));
 }
 

@@ -101,14 +101,19 @@ Json UiJson(const UiRequest &ui) {
 }  // namespace
 
 std::string CallbackName(uint8_t command) {
-    static const std::pair<uint8_t, const char *> kNames[] = {
-        {0xA2, "store online context"}, {0xA3, "fetch online context"},
-        {0xD1, "terminal parameters"},  {0xD3, "application parameters"},
-        {0xD4, "CA public key"},        {0xD5, "unpredictable number"},
-        {0xD6, "card activation"},      {0xD7, "display"},
-        {0xDF, "card power-off"},       {0xE6, "exception file"},
-        {0xE9, "certificate revocation"}, {0xF1, "APDU"},
-        {0xFE, "restart"}};
+    static const std::pair<uint8_t, const char *> kNames[] = {{0xA2, "store online context"},
+                                                              {0xA3, "fetch online context"},
+                                                              {0xD1, "terminal parameters"},
+                                                              {0xD3, "application parameters"},
+                                                              {0xD4, "CA public key"},
+                                                              {0xD5, "unpredictable number"},
+                                                              {0xD6, "card activation"},
+                                                              {0xD7, "display"},
+                                                              {0xDF, "card power-off"},
+                                                              {0xE6, "exception file"},
+                                                              {0xE9, "certificate revocation"},
+                                                              {0xF1, "APDU"},
+                                                              {0xFE, "restart"}};
     for (const auto &[c, n] : kNames)
         if (c == command) return ToHex(Bytes{command}) + " " + n;
     return ToHex(Bytes{command}) + " unknown command";
@@ -144,8 +149,8 @@ void PrintTrace(std::ostream &out, const Trace &trace) {
                 const auto data = velk::card::ResponseData(e.second);
                 const uint16_t sw = velk::card::StatusWord(e.second);
                 out << "    R-APDU " << Hex(e.second) << "\n";
-                out << "    SW " << Hex(Bytes{static_cast<uint8_t>(sw >> 8), static_cast<uint8_t>(sw)})
-                    << "\n";
+                out << "    SW "
+                    << Hex(Bytes{static_cast<uint8_t>(sw >> 8), static_cast<uint8_t>(sw)}) << "\n";
                 for (const std::string &line : DecodeLines(data, 2))
                     out << line << "\n";
                 break;
@@ -232,7 +237,8 @@ void PrintReport(std::ostream &out, const TransactionReport &r, bool with_trace)
         PrintEntry(out, e);
     if (r.issuer) {
         out << "\nIssuer (" << r.online_flow << ")\n";
-        Field(out, "Response code", "\"" + std::string(r.issuer->arc.begin(), r.issuer->arc.end()) + "\"");
+        Field(out, "Response code",
+              "\"" + std::string(r.issuer->arc.begin(), r.issuer->arc.end()) + "\"");
         Field(out, "ARQC", r.issuer->arqc_check);
         if (!r.issuer->authentication_data.empty())
             Field(out, "Auth. data (91)", Hex(r.issuer->authentication_data));

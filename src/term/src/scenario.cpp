@@ -25,8 +25,9 @@ uint8_t ParseTransactionType(const std::string &name, const TerminalProfile &ter
         if (name == n) return v;
     if (name == "auth") {
         if (const auto t = terminal.AuthenticationType()) return *t;
-        throw std::invalid_argument("transaction type 'auth': the terminal lists no type of "
-                                    "application authentication (9F9309)");
+        throw std::invalid_argument(
+            "transaction type 'auth': the terminal lists no type of "
+            "application authentication (9F9309)");
     }
     Bytes b;
     try {
@@ -113,7 +114,8 @@ std::vector<std::string> CheckExpectations(const Json &expect, const Transaction
         } else if (key == "completed") {
             Compare(out, key, want, r.completed);
         } else if (key == "outcome") {
-            Compare(out, key, want, field([](const auto &x) { return OutcomeStatusName(x.status); }));
+            Compare(out, key, want,
+                    field([](const auto &x) { return OutcomeStatusName(x.status); }));
         } else if (key == "outcomes") {
             Json all = Json::array();
             for (const KernelEntry &e : r.entries)
@@ -210,8 +212,11 @@ ScenarioResult RunScenario(const std::filesystem::path &file, const std::string 
 namespace {
 
 Json ResultJson(const ScenarioResult &r) {
-    return {{"file", r.file}, {"name", r.name}, {"verdict", static_cast<int>(r.verdict)},
-            {"result", r.result}, {"details", r.details}};
+    return {{"file", r.file},
+            {"name", r.name},
+            {"verdict", static_cast<int>(r.verdict)},
+            {"result", r.result},
+            {"details", r.details}};
 }
 
 ScenarioResult ResultFromJson(const Json &j) {
@@ -331,7 +336,8 @@ void PrintScenarioTable(std::ostream &out, const std::vector<ScenarioResult> &re
     for (const ScenarioResult &r : results)
         width = std::max(width, r.file.size());
     out << std::left << std::setw(static_cast<int>(width) + 2) << "SCENARIO" << std::setw(17)
-        << "VERDICT" << "RESULT\n";
+        << "VERDICT"
+        << "RESULT\n";
     std::map<Verdict, int> counts;
     for (const ScenarioResult &r : results) {
         ++counts[r.verdict];

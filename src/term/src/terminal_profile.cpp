@@ -55,7 +55,8 @@ bool TerminalApplication::Matches(std::span<const uint8_t> card_aid) const {
     return std::equal(aid.begin(), aid.end(), card_aid.begin());
 }
 
-const TerminalApplication *TerminalProfile::FindApplication(std::span<const uint8_t> card_aid) const {
+const TerminalApplication *TerminalProfile::FindApplication(
+    std::span<const uint8_t> card_aid) const {
     // The longest terminal AID that matches wins: it is the most specific.
     const TerminalApplication *best = nullptr;
     for (const TerminalApplication &a : applications)
@@ -105,7 +106,8 @@ std::vector<CaKey> LoadCaKeys(const std::filesystem::path &path) {
 }
 
 TerminalProfile LoadTerminalProfile(const std::filesystem::path &path) {
-    const Field root(velk::card::LoadJsonFileWithBase(path, {"ca_keys", "exception_file", "revocation_list"}));
+    const Field root(
+        velk::card::LoadJsonFileWithBase(path, {"ca_keys", "exception_file", "revocation_list"}));
     root.OnlyKeys({"name", "description", "currency", "exponent", "parameters", "applications",
                    "transaction", "unpredictable_number_length", "ca_keys", "exception_file",
                    "revocation_list"});
@@ -125,7 +127,8 @@ TerminalProfile LoadTerminalProfile(const std::filesystem::path &path) {
         if (auto p = a.Optional("parameters")) app.parameters = velk::card::EncodeTlvObject(*p);
         t.applications.push_back(std::move(app));
     }
-    if (t.applications.empty()) root["applications"].Fail("a terminal supports at least one application");
+    if (t.applications.empty())
+        root["applications"].Fail("a terminal supports at least one application");
     if (auto tx = root.Optional("transaction")) t.transaction = velk::card::EncodeTlvObject(*tx);
     if (auto n = root.Optional("unpredictable_number_length"))
         t.unpredictable_number_length = static_cast<size_t>(n->Int(1, 8));

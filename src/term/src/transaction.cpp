@@ -158,14 +158,16 @@ void Runner::Run() {
         report_.aid = selection->aid;
         report_.label = selection->label;
         // The kernel takes the SELECT response from the signal queue when it starts.
-        report_.trace.Signal(0, kSignalFci, selection->response, "the SELECT response for the kernel");
+        report_.trace.Signal(0, kSignalFci, selection->response,
+                             "the SELECT response for the kernel");
         session_.Signal(kSignalFci, selection->response);
         Bytes input;
         if (selection->kernel_id) input = Tlv(0xDF09, Bytes{*selection->kernel_id});
         input = Cat({input, Tlv(0x7F11, Cat({CommonData(), terminal_.transaction}))});
         const KernelEntry &first = Enter("first tap", input);
         if (first.outcome && first.outcome->status == 0x50) {
-            report_.trace.Note(first.number, "Select Next: the entry point tries the next application");
+            report_.trace.Note(first.number,
+                               "Select Next: the entry point tries the next application");
             continue;
         }
         if (first.outcome && first.outcome->status == 0x30) Online(*selection, first);
@@ -175,7 +177,9 @@ void Runner::Run() {
 
 void Runner::Online(const Selection &selection, const KernelEntry &first) {
     const uint8_t flow = first.outcome->online_response;
-    report_.online_flow = flow == 0x04 ? "long tap" : flow == 0x03 ? "online tap" : "online request";
+    report_.online_flow = flow == 0x04   ? "long tap"
+                          : flow == 0x03 ? "online tap"
+                                         : "online request";
     report_.issuer = issuer_.Authorise(first.data_record);
     if (flow != 0x03 && flow != 0x04) return;  // the host completes the transaction alone
 
@@ -215,9 +219,11 @@ std::vector<GacSeen> GenerateAcs(const Trace &trace) {
     std::vector<GacSeen> out;
     for (const TraceEvent &e : trace.Events()) {
         if (e.type != TraceEvent::Type::kApdu ||
-            velk::card::Classify(e.first) != velk::card::CommandKind::kGenerateAc || e.first.size() < 3)
+            velk::card::Classify(e.first) != velk::card::CommandKind::kGenerateAc ||
+            e.first.size() < 3)
             continue;
-        GacSeen g{static_cast<uint8_t>(e.first[2] & 0xC0), (e.first[2] & 0x10) != 0, std::nullopt, {}};
+        GacSeen g{
+            static_cast<uint8_t>(e.first[2] & 0xC0), (e.first[2] & 0x10) != 0, std::nullopt, {}};
         if (e.second.empty()) g.failure = e.text;
         try {
             const auto data = velk::card::ResponseData(e.second);
@@ -232,26 +238,33 @@ std::vector<GacSeen> GenerateAcs(const Trace &trace) {
 }
 
 std::string CryptogramWords(uint8_t type) {
-    return type == 0x40 ? "a TC (offline approval)" : type == 0x80 ? "an ARQC (online authorisation)" : "an AAC (decline)";
+    return type == 0x40   ? "a TC (offline approval)"
+           : type == 0x80 ? "an ARQC (online authorisation)"
+                          : "an AAC (decline)";
 }
 
 void Explain(TransactionReport &r) {
     auto &why = r.why;
     if (r.entries.empty()) {
-        if (!r.aid) why.push_back("No application was selected: the card and the terminal have none in common.");
+        if (!r.aid)
+            why.push_back(
+                "No application was selected: the card and the terminal have none in common.");
         return;
     }
     const KernelEntry &last = r.entries.back();
-    if (!last.error.empty()) why.push_back("The kernel ended without an outcome: " + last.error + ".");
+    if (!last.error.empty())
+        why.push_back("The kernel ended without an outcome: " + last.error + ".");
     for (const KernelEntry &e : r.entries)
         if (e.status != 0)
             why.push_back("Kernel entry " + std::to_string(e.number) + " returned " +
                           KernelStatusText(e.status) + ".");
-    for (const std::string &f : r.faults_fired) why.push_back("Fault injected: " + f + ".");
-    for (const std::string &h : r.host_errors) why.push_back("Host error: " + h + ".");
+    for (const std::string &f : r.faults_fired)
+        why.push_back("Fault injected: " + f + ".");
+    for (const std::string &h : r.host_errors)
+        why.push_back("Host error: " + h + ".");
     if (r.restarts > 0)
-        why.push_back("The kernel asked for the card to be presented again " + std::to_string(r.restarts) +
-                      " time(s) to recover a torn exchange.");
+        why.push_back("The kernel asked for the card to be presented again " +
+                      std::to_string(r.restarts) + " time(s) to recover a torn exchange.");
     const auto gacs = GenerateAcs(r.trace);
     for (size_t i = 0; i < gacs.size(); ++i) {
         const GacSeen &g = gacs[i];
@@ -273,7 +286,8 @@ void Explain(TransactionReport &r) {
                 if (bits.size() == 1 && bits[0] == "no bit set")
                     why.push_back("The TVR is clean: the terminal found nothing wrong.");
                 else
-                    for (const std::string &b : bits) why.push_back("TVR " + b + ".");
+                    for (const std::string &b : bits)
+                        why.push_back("TVR " + b + ".");
             }
         } catch (const std::invalid_argument &) {
         }
@@ -282,8 +296,9 @@ void Explain(TransactionReport &r) {
     if (!last.outcome) return;
     const OutcomeParameters &o = *last.outcome;
     if (o.status == 0x00)
-        why.push_back("The Outcome Parameter Set is all zero: the step that ended the transaction "
-                      "chose no outcome.");
+        why.push_back(
+            "The Outcome Parameter Set is all zero: the step that ended the transaction "
+            "chose no outcome.");
     if (o.cvm != 0xF0) why.push_back("Cardholder verification: " + OutcomeCvmName(o.cvm) + ".");
     if (r.issuer) {
         const bool ok = r.issuer->arc == Bytes{'0', '0'};
@@ -293,13 +308,18 @@ void Explain(TransactionReport &r) {
     }
     switch (o.status) {
         case 0x50:
-            why.push_back("Select Next: the kernel refused this application and no other candidate was left.");
+            why.push_back(
+                "Select Next: the kernel refused this application and no other candidate was "
+                "left.");
             break;
         case 0x60:
-            why.push_back("Try Another Interface: the card asks for the transaction on another interface.");
+            why.push_back(
+                "Try Another Interface: the card asks for the transaction on another interface.");
             break;
         case 0x70:
-            why.push_back("Try Again: the exchange with the card broke off; the card must be presented again.");
+            why.push_back(
+                "Try Again: the exchange with the card broke off; the card must be presented "
+                "again.");
             break;
         default:
             break;
@@ -340,7 +360,8 @@ TransactionReport RunTransaction(const KernelApi &kernel, const TerminalProfile 
         const OutcomeParameters &o = *r.entries.back().outcome;
         r.result = OutcomeStatusName(o.status);
         if (o.status == 0x30 && r.online_flow == "online request" && r.issuer)
-            r.result += r.issuer->arc == Bytes{'0', '0'} ? ", APPROVED by the issuer" : ", DECLINED by the issuer";
+            r.result += r.issuer->arc == Bytes{'0', '0'} ? ", APPROVED by the issuer"
+                                                         : ", DECLINED by the issuer";
     } else {
         r.result = r.entries.empty() ? "NO TRANSACTION" : "NO OUTCOME";
     }

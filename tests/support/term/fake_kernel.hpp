@@ -72,7 +72,8 @@ public:
     // Sends a request as the kernel builds it and returns the reply bytes;
     // *result gets the callback's status.
     Bytes Call(uint8_t command, const Bytes &payload, uint32_t *result = nullptr) {
-        return Raw(velk::host::Tlv(0x7F01, velk::host::Cat({velk::host::Tlv(0xDF00, Bytes{command}), payload})),
+        return Raw(velk::host::Tlv(
+                       0x7F01, velk::host::Cat({velk::host::Tlv(0xDF00, Bytes{command}), payload})),
                    result);
     }
 
@@ -117,8 +118,14 @@ private:
 
 // An outcome TLV 7F01 with an Outcome Parameter Set and, optionally, a data record.
 inline Bytes Outcome(uint8_t status, uint8_t online_response = 0xF0, const Bytes &record = {}) {
-    Bytes ops{status, 0xF0, online_response, 0xF0, static_cast<uint8_t>(record.empty() ? 0x00 : 0x20),
-              0xF0, 0xFF, 0x00};
+    Bytes ops{status,
+              0xF0,
+              online_response,
+              0xF0,
+              static_cast<uint8_t>(record.empty() ? 0x00 : 0x20),
+              0xF0,
+              0xFF,
+              0x00};
     Bytes children = velk::host::Tlv(0xDF8129, ops);
     if (!record.empty()) children = velk::host::Cat({children, velk::host::Tlv(0xFF8105, record)});
     return velk::host::Tlv(0x7F01, children);

@@ -28,7 +28,8 @@ enum class CardErrorKind {
 
 class CardError : public std::runtime_error {
 public:
-    CardError(CardErrorKind kind, const std::string &what) : std::runtime_error(what), kind_(kind) {}
+    CardError(CardErrorKind kind, const std::string &what)
+        : std::runtime_error(what), kind_(kind) {}
     CardErrorKind kind() const { return kind_; }
 
 private:

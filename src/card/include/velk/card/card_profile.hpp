@@ -63,10 +63,10 @@ struct GacPolicy {
 // signatures are made with (names of the test PKI's fixed keys) and the
 // certificate fields that are not taken from the card's data.
 struct OdaSpec {
-    std::string ca_key;      // the certification authority's key
-    uint8_t ca_index = 0;    // its index (8F) under the application's RID
-    std::string issuer_key;  // the issuer key certified by the CA
-    std::string icc_key;     // the card's own key (DDA, CDA); empty for SDA only
+    std::string ca_key;               // the certification authority's key
+    uint8_t ca_index = 0;             // its index (8F) under the application's RID
+    std::string issuer_key;           // the issuer key certified by the CA
+    std::string icc_key;              // the card's own key (DDA, CDA); empty for SDA only
     Bytes issuer_expiry{0x12, 0x30};  // MMYY
     Bytes icc_expiry{0x12, 0x30};
     Bytes issuer_serial{0x00, 0x00, 0x01};

@@ -34,8 +34,10 @@ Bytes ApplicationCryptogram(const CardKey &key, uint16_t atc, std::span<const ui
 Bytes Arpc(const CardKey &key, uint16_t atc, std::span<const uint8_t> arqc,
            std::span<const uint8_t> arc);
 
-// The ISO/IEC 9797-1 MAC algorithm 3 (padding method 2) with a double-length
-// key; exposed for its known-answer test.
+// The two MACs underneath, exposed for their known-answer tests: ISO/IEC
+// 9797-1 MAC algorithm 3 (padding method 2) with a double-length key, and
+// AES-CMAC (16 bytes).
 Bytes RetailMac(std::span<const uint8_t> key16, std::span<const uint8_t> data);
+Bytes AesCmac(std::span<const uint8_t> key, std::span<const uint8_t> data);
 
 }  // namespace velk::card

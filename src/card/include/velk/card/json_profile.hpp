@@ -49,8 +49,8 @@ std::shared_ptr<const JsonFile> LoadJsonFile(const std::filesystem::path &path);
 // replaces, null deletes). Errors name the file that was asked for. The
 // top-level members named in path_keys hold file names: each is made
 // absolute against the file that wrote it before the files are merged.
-std::shared_ptr<const JsonFile> LoadJsonFileWithBase(const std::filesystem::path &path,
-                                                     std::initializer_list<std::string_view> path_keys = {});
+std::shared_ptr<const JsonFile> LoadJsonFileWithBase(
+    const std::filesystem::path &path, std::initializer_list<std::string_view> path_keys = {});
 // The same for text that did not come from a file (name used in messages).
 std::shared_ptr<const JsonFile> ParseJsonText(std::string_view text, const std::string &name);
 
@@ -94,7 +94,7 @@ public:
     // A file name relative to the file that names it.
     std::filesystem::path FilePath() const;
 
-    std::vector<Field> Elements() const;                        // array
+    std::vector<Field> Elements() const;                         // array
     std::vector<std::pair<std::string, Field>> Members() const;  // object, in file order
 
     [[noreturn]] void Fail(const std::string &what) const;

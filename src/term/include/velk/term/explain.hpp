@@ -33,9 +33,9 @@ struct OutcomeParameters {
 };
 std::optional<OutcomeParameters> ParseOutcomeParameters(ByteView ops);
 std::string OutcomeStatusName(uint8_t status);  // "APPROVED"
-std::string StartName(uint8_t start);            // "B", "not applicable"
-std::string OnlineResponseName(uint8_t value);   // "long tap"
-std::string OutcomeCvmName(uint8_t cvm);         // "online PIN"
+std::string StartName(uint8_t start);           // "B", "not applicable"
+std::string OnlineResponseName(uint8_t value);  // "long tap"
+std::string OutcomeCvmName(uint8_t cvm);        // "online PIN"
 std::vector<std::string> PresenceWords(uint8_t presence);
 std::string AlternateInterfaceName(uint8_t value);
 std::string FieldOffName(uint8_t value);
@@ -49,8 +49,8 @@ struct UiRequest {
     std::vector<uint8_t> value, currency;
 };
 std::optional<UiRequest> ParseUiRequest(ByteView uird);
-std::string MessageName(uint8_t id);   // "Approved"
-std::string UiStatusName(uint8_t s);   // "Card read successfully"
+std::string MessageName(uint8_t id);  // "Approved"
+std::string UiStatusName(uint8_t s);  // "Card read successfully"
 std::string DescribeUiRequest(const UiRequest &ui);
 
 // A status returned by the kernel, in words ("0x30101: stopped by the host").

@@ -46,7 +46,8 @@ inline constexpr uint8_t kSignalCardPresent = kSignalResponse;
 
 class Host : public CallbackHandler {
 public:
-    Host(const TerminalProfile &terminal, velk::card::Card &card, RandomSource &random, Trace &trace);
+    Host(const TerminalProfile &terminal, velk::card::Card &card, RandomSource &random,
+         Trace &trace);
 
     // The session whose kernel the host answers (signals go there).
     void Bind(KernelSession *session) { session_ = session; }

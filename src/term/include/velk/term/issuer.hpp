@@ -19,9 +19,9 @@ namespace velk::term {
 using Bytes = velk::host::Bytes;
 
 struct IssuerConfig {
-    Bytes arc{'0', '0'};        // the authorisation response code; "00" approves
-    bool send_arpc = true;      // 91 in the response
-    std::vector<Bytes> scripts; // complete templates 71 or 72, in order
+    Bytes arc{'0', '0'};         // the authorisation response code; "00" approves
+    bool send_arpc = true;       // 91 in the response
+    std::vector<Bytes> scripts;  // complete templates 71 or 72, in order
 
     bool Approves() const { return arc == Bytes{'0', '0'}; }
     // "approve", "decline" or a two-character response code ("51").

@@ -64,8 +64,7 @@ ScenarioResult RunScenario(const std::filesystem::path &file, const std::string 
 // Runs every scenario of a folder (sorted by file name), each in a child
 // process limited to timeout.
 std::vector<ScenarioResult> RunScenarioFolder(const std::filesystem::path &dir,
-                                              const std::string &lib,
-                                              std::chrono::seconds timeout);
+                                              const std::string &lib, std::chrono::seconds timeout);
 
 void PrintScenarioTable(std::ostream &out, const std::vector<ScenarioResult> &results);
 bool AllPassed(const std::vector<ScenarioResult> &results);

@@ -11,10 +11,10 @@ namespace velk::term {
 
 // How a value is best shown.
 enum class TagFormat {
-    kBinary,     // hex
-    kNumeric,    // BCD digits, right-justified
-    kCompressed, // digits, left-justified, F-padded
-    kText,       // printable characters
+    kBinary,      // hex
+    kNumeric,     // BCD digits, right-justified
+    kCompressed,  // digits, left-justified, F-padded
+    kText,        // printable characters
 };
 
 struct TagInfo {

@@ -59,7 +59,8 @@ struct TerminalProfile {
     const TerminalApplication *FindApplication(std::span<const uint8_t> card_aid) const;
     const CaKey *FindCaKey(std::span<const uint8_t> rid, uint8_t index) const;
     bool Listed(std::span<const uint8_t> pan, std::optional<uint8_t> psn) const;
-    bool Revoked(std::span<const uint8_t> rid, uint8_t index, std::span<const uint8_t> serial) const;
+    bool Revoked(std::span<const uint8_t> rid, uint8_t index,
+                 std::span<const uint8_t> serial) const;
     // The first transaction type of application authentication (9F9309).
     std::optional<uint8_t> AuthenticationType() const;
 };
