@@ -102,7 +102,7 @@ KernelResult KernelSession::Start(const Bytes &input) {
         throw std::length_error("the transaction input (" + std::to_string(input.size()) +
                                 " bytes) does not fit the kernel's buffer");
     std::vector<uint8_t> io(VELK_IO_BUFFER_MIN_LEN, 0);
-    std::memcpy(io.data(), input.data(), input.size());
+    std::copy(input.begin(), input.end(), io.begin());
     uint32_t len = static_cast<uint32_t>(input.size());
     KernelResult result;
     result.status = api_.start(io.data(), &len);

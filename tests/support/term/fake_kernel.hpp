@@ -47,7 +47,7 @@ public:
             k.inputs.emplace_back(io, io + *len);
             const Bytes out = k.programs.empty() ? Bytes{} : k.programs.front()(k.inputs.back());
             if (!k.programs.empty()) k.programs.pop_front();
-            std::memcpy(io, out.data(), out.size());
+            if (!out.empty()) std::memcpy(io, out.data(), out.size());
             *len = static_cast<uint32_t>(out.size());
             return k.status;
         };
