@@ -47,44 +47,49 @@ TEST(Vpcd, ControlCodesAndApdus) {
     EXPECT_THROW(client.Answer(Select(FromHex("F056454C4B1010"))), velk::card::CardError);
 }
 
-TEST(Vpcd, ServesTheDriverUntilItHangsUp) {
-    velk::card::VirtualCard card(CardProfileNamed("offline-cda"));
-    Listener listener;
-    VpcdClient client(card, "127.0.0.1", listener.port);
-    client.Connect(std::chrono::seconds(2));
-    Socket driver = listener.Accept();
-    ASSERT_TRUE(driver);
+// A client connected to a listener that plays the driver.
+class VpcdSession : public ::testing::Test {
+protected:
+    VpcdSession()
+        : card_(CardProfileNamed("offline-cda")), client_(card_, "127.0.0.1", listener_.port) {
+        client_.Connect(std::chrono::seconds(2));
+        driver_ = listener_.Accept();
+    }
+
+    velk::card::VirtualCard card_;
+    Listener listener_;
+    VpcdClient client_;
+    Socket driver_;
+};
+
+TEST_F(VpcdSession, ServesTheDriverUntilItHangsUp) {
+    ASSERT_TRUE(driver_);
     std::atomic<bool> stop{false};
     size_t served = 0;
-    std::thread serving([&] { served = client.Serve(stop); });
+    std::thread serving([&] { served = client_.Serve(stop); });
 
     Bytes reply;
-    velk::card::WriteMessage(driver.get(), Bytes{0x04});
-    ASSERT_TRUE(velk::card::ReadMessage(driver.get(), reply, stop));
-    EXPECT_EQ(reply, card.Profile().atr);
-    velk::card::WriteMessage(driver.get(), Bytes{0x01});  // no answer to power on
-    velk::card::WriteMessage(driver.get(), Select(FromHex("F056454C4B1010")));
-    ASSERT_TRUE(velk::card::ReadMessage(driver.get(), reply, stop));
+    velk::card::WriteMessage(driver_.get(), Bytes{0x04});
+    ASSERT_TRUE(velk::card::ReadMessage(driver_.get(), reply, stop));
+    EXPECT_EQ(reply, card_.Profile().atr);
+    velk::card::WriteMessage(driver_.get(), Bytes{0x01});  // no answer to power on
+    velk::card::WriteMessage(driver_.get(), Select(FromHex("F056454C4B1010")));
+    ASSERT_TRUE(velk::card::ReadMessage(driver_.get(), reply, stop));
     EXPECT_EQ(velk::card::StatusWord(reply), 0x9000);
     EXPECT_EQ(reply[0], 0x6F);
-    driver = Socket();  // the driver goes away
+    driver_ = Socket();  // the driver goes away
     serving.join();
     EXPECT_EQ(served, 1u);
 }
 
-TEST(Vpcd, StopEndsTheSessionAndNoDriverIsAClearError) {
-    velk::card::VirtualCard card(CardProfileNamed("offline-cda"));
-    Listener listener;
-    VpcdClient client(card, "127.0.0.1", listener.port);
-    client.Connect(std::chrono::seconds(2));
-    Socket driver = listener.Accept();
+TEST_F(VpcdSession, StopEndsTheSessionAndNoDriverIsAClearError) {
     std::atomic<bool> stop{true};
-    EXPECT_EQ(client.Serve(stop), 0u);
-    EXPECT_THROW(client.Serve(stop), velk::card::CardError);  // the session is over
+    EXPECT_EQ(client_.Serve(stop), 0u);
+    EXPECT_THROW(client_.Serve(stop), velk::card::CardError);  // the session is over
 
-    const uint16_t unused = listener.port;
-    listener.socket = Socket();  // nobody listens there any more
-    VpcdClient lonely(card, "127.0.0.1", unused);
+    const uint16_t unused = listener_.port;
+    listener_.socket = Socket();  // nobody listens there any more
+    VpcdClient lonely(card_, "127.0.0.1", unused);
     try {
         lonely.Connect(std::chrono::milliseconds(200));
         FAIL() << "connected to nothing";

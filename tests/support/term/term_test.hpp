@@ -11,6 +11,7 @@
 
 #include "velk/card/card.hpp"
 #include "velk/card/virtual_card.hpp"
+#include "velk/host/crypto.hpp"
 #include "velk/host/tlv.hpp"
 #include "velk/term/terminal_profile.hpp"
 
@@ -78,6 +79,31 @@ inline Bytes GenerateAc(uint8_t p1, const Bytes &data) {
     c[4] = static_cast<uint8_t>(data.size());
     std::copy(data.begin(), data.end(), c.begin() + 5);
     return c;
+}
+
+// One DES (8-byte key) or 3DES (16-byte key) pass in ECB, for reference
+// computations that do not go through the code under test.
+inline Bytes DesEcb(const Bytes &key, const Bytes &in, bool encrypt) {
+    namespace crypto = velk::host::crypto;
+    Bytes out(in.size());
+    EXPECT_TRUE(crypto::Des(encrypt ? crypto::Direction::kEncrypt : crypto::Direction::kDecrypt,
+                            key, {}, in, out));
+    return out;
+}
+
+// ISO/IEC 9797-1 MAC algorithm 3, padding method 2, step by step.
+inline Bytes ReferenceRetailMac(const Bytes &key16, const Bytes &data) {
+    Bytes msg = data;
+    msg.push_back(0x80);
+    msg.resize((msg.size() + 7) / 8 * 8, 0x00);
+    const Bytes kl(key16.begin(), key16.begin() + 8), kr(key16.begin() + 8, key16.end());
+    Bytes h(8, 0x00);
+    for (size_t off = 0; off < msg.size(); off += 8) {
+        for (size_t i = 0; i < 8; ++i)
+            h[i] ^= msg[off + i];
+        h = DesEcb(kl, h, true);
+    }
+    return DesEcb(kl, DesEcb(kr, h, false), true);
 }
 
 inline uint16_t Sw(const Bytes &response) {
