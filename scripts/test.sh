@@ -2,15 +2,17 @@
 # The whole test suite, as CI runs it, on a fresh Debian 12 machine as root:
 # installs the Debian packages it needs, then builds and tests natively, under
 # ASan+UBSan, under TSan (the threaded tests), for 32-bit ARM under qemu, and
-# runs the fuzzers for a bounded time.
+# runs the fuzzers for a bounded time. The packages stage makes the Debian
+# packages, installs them into the system, uses them as an integrator does and
+# removes them again (as root; otherwise it only builds and checks them).
 #
 #   ./scripts/test.sh            everything
-#   ./scripts/test.sh native     one stage (native, asan, tsan, armhf, fuzz)
+#   ./scripts/test.sh native     one stage (native, packages, asan, tsan, armhf, fuzz)
 set -eu
 cd "$(dirname "$0")/.."
 ROOT=$(pwd)
 
-PACKAGES="cmake ninja-build g++ gcc clang libclang-rt-14-dev pkg-config file
+PACKAGES="cmake ninja-build g++ gcc clang libclang-rt-14-dev pkg-config file dpkg-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev libssl-dev
   nlohmann-json3-dev libcli11-dev libpcsclite-dev pcscd vsmartcard-vpcd
   qemu-user g++-arm-linux-gnueabihf valgrind cppcheck clang-tidy"
@@ -23,7 +25,7 @@ if [ "$(id -u)" = 0 ] && [ -z "${VELK_SKIP_APT:-}" ]; then
 fi
 
 JOBS=${JOBS:-$(nproc)}
-STAGES=${*:-native asan tsan armhf fuzz}
+STAGES=${*:-native packages asan tsan armhf fuzz}
 FUZZ_SECONDS=${FUZZ_SECONDS:-40}
 
 banner() { printf '\n==== %s ====\n' "$*"; }
@@ -45,10 +47,112 @@ configure_and_test() { # name, ctest args, cmake args...
   (cd "$ROOT/build-$name" && ctest --output-on-failure -j "$JOBS" $ctest_args)
 }
 
+# The files a package must hold, as extended regular expressions over the
+# paths dpkg-deb lists (without the leading "./"); every file must match one,
+# and every expression must match a file.
+check_package_files() { # deb, expressions...
+  deb=$1; shift
+  files=$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ { print $6 }' | sed 's|^\./||')
+  for expr in "$@"; do
+    printf '%s\n' "$files" | grep -E -q -x "$expr" || {
+      echo "FAIL: $(basename "$deb") holds no file matching $expr"; exit 1; }
+  done
+  for f in $files; do
+    matched=
+    for expr in "$@"; do
+      if printf '%s\n' "$f" | grep -E -q -x "$expr"; then matched=1; break; fi
+    done
+    [ -n "$matched" ] || { echo "FAIL: $(basename "$deb") holds an unexpected file: $f"; exit 1; }
+  done
+  echo "$(basename "$deb"): $(printf '%s\n' "$files" | wc -l) files as expected"
+}
+
+packages_remove() {
+  dpkg -P velk-term libvelk-dev libvelk1 >/dev/null 2>&1 || true
+}
+
+# Debian packages from a Release tree: built with CPack, checked, installed
+# with dpkg, used the way an integrator uses them, then removed so that the
+# machine is left as it was.
+packages_stage() {
+  dir=$ROOT/build-packages
+  banner "packages: build"
+  cmake -S "$ROOT" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+    -DVELK_BUILD_TESTS=OFF >/dev/null
+  build "$dir"
+  rm -rf "$dir/packages"
+  (cd "$dir" && cpack -G DEB >cpack.log 2>&1) || { cat "$dir/cpack.log"; exit 1; }
+
+  banner "packages: contents"
+  lib='usr/lib/[^/]+'
+  doc='usr/share/doc/velk'
+  check_package_files "$dir"/packages/libvelk1_*.deb "$lib/libvelk\.so\.[0-9]+" \
+    "$lib/libvelk\.so\.[0-9]+\.[0-9]+\.[0-9]+"
+  check_package_files "$dir"/packages/libvelk-dev_*.deb 'usr/include/velk/emv_kernel\.h' \
+    'usr/include/velk/emv_kernel_global\.h' "$lib/libvelk\.a" "$lib/libvelk\.so" \
+    "$lib/pkgconfig/velk\.pc" "$lib/cmake/velk/velkConfig\.cmake" \
+    "$lib/cmake/velk/velkConfigVersion\.cmake" "$lib/cmake/velk/velkTargets(-[a-z]+)?\.cmake" \
+    "$doc/integration\.md" "$doc/abi\.md" "$doc/examples/minimal_host\.c"
+  term_deb=$(ls "$dir"/packages/velk-term_*.deb 2>/dev/null || true)
+  if [ -n "$term_deb" ]; then
+    check_package_files "$term_deb" 'usr/bin/velk-term' 'usr/share/velk-term/profiles/.+'
+  fi
+  for deb in "$dir"/packages/*.deb; do dpkg-deb -f "$deb" Package Version Depends; done
+
+  if [ "$(id -u)" != 0 ]; then
+    echo "packages: not root, so the packages were built and checked but not installed"
+    return
+  fi
+  banner "packages: install and use"
+  trap packages_remove EXIT
+  # shellcheck disable=SC2086
+  dpkg -i "$dir"/packages/libvelk1_*.deb "$dir"/packages/libvelk-dev_*.deb $term_deb >/dev/null
+  installed=$(dpkg -L libvelk1 libvelk-dev)
+  for f in /usr/include/velk/emv_kernel.h /usr/lib/*/libvelk.so.1 /usr/lib/*/pkgconfig/velk.pc; do
+    printf '%s\n' "$installed" | grep -q -x "$f" || { echo "FAIL: dpkg -L lists no $f"; exit 1; }
+  done
+  ldconfig -p | grep -q 'libvelk\.so\.1 ' || { echo "FAIL: libvelk.so.1 unknown to ldconfig"; exit 1; }
+
+  work=$dir/use
+  rm -rf "$work" && mkdir -p "$work"
+  # The C example, built against the installed package with pkg-config.
+  # shellcheck disable=SC2046
+  cc -std=c11 -Wall -Wextra -Werror -pedantic "$ROOT/examples/minimal_host.c" \
+    $(pkg-config --cflags --libs velk) -o "$work/minimal_host"
+  ldd "$work/minimal_host" | grep -E -q 'libvelk\.so\.1 => (/usr)?/lib/' ||
+    { echo "FAIL: the example does not load the installed libvelk.so.1"; exit 1; }
+  # It must run to an end (approved once the kernel's steps are all in).
+  rc=0; "$work/minimal_host" >"$work/minimal_host.out" 2>&1 || rc=$?
+  tail -n 3 "$work/minimal_host.out"
+  [ "$rc" -lt 128 ] || { echo "FAIL: the example died (status $rc)"; exit 1; }
+  # The CMake package of the installed system.
+  cmake -S "$ROOT/tests/consumer" -B "$work/consumer" -G Ninja -DEXPECTED_PREFIX=/usr >/dev/null
+  build "$work/consumer"
+  "$work/consumer/consumer_shared" && "$work/consumer/consumer_static"
+
+  if [ -n "$term_deb" ]; then
+    scenario=$(find /usr/share/velk-term/profiles -path '*scenario*' -name '*.json' | sort | head -n 1)
+    [ -n "$scenario" ] || { echo "FAIL: velk-term is packaged without a scenario"; exit 1; }
+    mkdir -p "$work/scenario" && cp "$scenario" "$work/scenario/"
+    echo "velk-term run: $scenario"
+    VELK_PROFILES=/usr/share/velk-term/profiles velk-term run "$work/scenario" \
+      --lib "$(ls /usr/lib/*/libvelk.so.1)"
+  fi
+
+  banner "packages: remove"
+  packages_remove
+  trap - EXIT
+  if dpkg -s libvelk1 >/dev/null 2>&1 || [ -e /usr/include/velk ]; then
+    echo "FAIL: the packages were not removed cleanly"; exit 1
+  fi
+}
+
 for stage in $STAGES; do
   case $stage in
     native)
       configure_and_test native "" -DCMAKE_BUILD_TYPE=RelWithDebInfo ;;
+    packages)
+      packages_stage ;;
     asan)
       configure_and_test asan "" -DCMAKE_BUILD_TYPE=Debug -DVELK_SANITIZE=address,undefined ;;
     tsan)

@@ -48,9 +48,9 @@ KernelLibrary::~KernelLibrary() {
 }
 
 std::string KernelLibrary::DefaultPath() {
-    // An installed velk-term finds the library next to it (../lib); a build
+    // An installed velk-term finds the library of its installation; a build
     // tree's finds the one it was built with.
-    const std::filesystem::path installed = ExecutableDir() / ".." / "lib" / "libvelk.so.1";
+    const std::filesystem::path installed = ExecutableDir() / VELK_INSTALLED_LIBRARY;
     std::error_code ec;
     if (std::filesystem::exists(installed, ec)) return installed.lexically_normal().string();
 #ifdef VELK_BUILD_LIBRARY

@@ -10,7 +10,7 @@ std::filesystem::path ProfilesDir() {
     std::error_code ec;
     const auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
     if (!ec) {
-        const auto installed = exe.parent_path() / ".." / "share" / "velk" / "profiles";
+        const auto installed = exe.parent_path() / VELK_INSTALLED_PROFILES;
         if (std::filesystem::is_directory(installed, ec)) return installed.lexically_normal();
     }
 #ifdef VELK_SOURCE_PROFILES

@@ -24,6 +24,24 @@
  *        outcome TLV 7F01. io must be at least VELK_IO_BUFFER_MIN_LEN bytes:
  *        the kernel never writes beyond that many bytes of it.
  *
+ *        The input must be a well-formed TLV sequence of at most
+ *        VELK_IO_BUFFER_MIN_LEN bytes; otherwise no step runs, the outcome is
+ *        End Application and the result 0x33003. Top-level elements after 7F11
+ *        are ignored, and the bytes of io from len up to VELK_IO_BUFFER_MIN_LEN
+ *        are cleared before the transaction starts. The children of 7F11 (the
+ *        transaction's dynamic parameters) must fit in 511 bytes once
+ *        re-encoded in a 7F01, else the result is 0x31007. The FCI of the
+ *        selected application (signal 0xA0 posted before the call, or 9F8201
+ *        among the children of 7F11) must be at most 300 bytes with its status
+ *        word and its DF name at most 32 bytes; a longer one selects the next
+ *        application like any other bad FCI.
+ *
+ *        The outcome TLV holds DF8129 (Outcome Parameter Set), DF8116 and
+ *        9F8117 (the UIRDs), FF8106 (discretionary data), FF8105 (data record)
+ *        and 9F8211 (01, for a reader that set it in the input), each when the
+ *        outcome announces it; an element that would not fit in
+ *        VELK_IO_BUFFER_MIN_LEN bytes is left out whole.
+ *
  *      A first tap (no 8A among the children of 7F11) starts from a clean
  *      transaction state: the tag database, the TVR/TSI, the indicators and
  *      the outcome of the previous transaction are cleared. The second entry
@@ -36,7 +54,7 @@
  *   While a transaction runs, another thread of the host (or the callback
  *   itself) may post signals with Kernel_Customized_Contactless_VELK_: one
  *   writer and one reader may work at once. The kernel waits for a signal
- *   without a time-out where the design needs one (card activation, an APDU
+ *   without a time-out where it needs one (card activation, an APDU
  *   answered asynchronously); the host must always post one eventually.
  *
  * One transaction at a time per process: the exchange buffer and the
@@ -91,7 +109,15 @@ extern "C" {
  * (a constructed TLV 7F01 whose DF00 names the command), *puiInOutDatalen its
  * length. The host writes its reply into the same buffer (at most
  * VELK_EXCHANGE_BUFFER_LEN bytes) and may update the length. A non-zero result
- * means the request failed. */
+ * means the request failed.
+ *
+ * The reply is read from the buffer's first byte as one well-formed TLV that
+ * ends inside the buffer, whatever length the host hands back; anything else
+ * fails the request with 0x30104. An APDU reply (request F1) carries the
+ * response in DF03; a well-formed reply without DF03 means the response
+ * follows as a signal (0xA4 with the R-APDU, or 0xA1/0xA5/0xA6 instead). A
+ * response longer than the buffer the kernel receives it in fails with
+ * 0x30105 and is not copied. */
 typedef uint32_t (*pCallback_Function)(uint8_t *pInOutData, uint32_t *puiInOutDatalen);
 typedef uint32_t (*pCallback_Process_EntryPoint_Fun)(uint8_t *pInOutData,
                                                      uint32_t *puiInOutDatalen);

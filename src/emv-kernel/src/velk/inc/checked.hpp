@@ -1,6 +1,6 @@
 // Bounded building and reading for the kernel's fixed buffers (C++ only).
 //
-// The design's functions keep their signatures and their behaviour on
+// The kernel's named functions keep their signatures and their behaviour on
 // well-formed data; where they build into a fixed area or read bytes that a
 // card or a host could have made, they go through the helpers below, which
 // know the area's capacity and refuse to pass it.
@@ -13,7 +13,7 @@
 
 namespace velk {
 
-// Failure codes the bounds add to the design's own.
+// Failure codes the bounds add to the kernel's own.
 inline constexpr uint32_t kErrHostReply =
     0x30104;  // host reply not one well-formed TLV in the exchange buffer
 inline constexpr uint32_t kErrResponseTooLong =
@@ -75,6 +75,10 @@ private:
 
 // ---- Codec bounds (tlv.cpp) -------------------------------------------------
 
+// Copies n bytes, correctly also when the two ranges overlap (a move inside
+// one buffer runs in the direction that keeps the source intact).
+void CopyBytes(uint8_t *dst, const uint8_t *src, uint32_t n);
+
 // TLV_New into dst only if the element fits in cap bytes; bytes written or 0.
 uint32_t NewChecked(uint8_t *dst, uint32_t cap, uint32_t tag, const uint8_t *value, uint32_t len);
 
@@ -88,9 +92,16 @@ uint32_t AddTagChecked(uint8_t *parent, uint32_t cap, uint32_t tag, const uint8_
 uint32_t AddTagUpdateChecked(uint8_t *parent, uint32_t cap, uint32_t tag, const uint8_t *value,
                              uint32_t len);
 
+// Removes child, an element inside the value of the constructed parent (as
+// TLV_FindChildTag returns it), rewriting only the parent's length the way
+// TLV_DelTag does. The parent's new total length; 0 (nothing changed) when
+// child does not lie whole inside the parent's value.
+uint32_t DelChild(uint8_t *parent, uint8_t *child);
+
 // Total length of the element at p when its header and its whole tree lie
-// within n bytes and are well formed (TLV_Check_Format over that length);
-// 0 otherwise. Use it before walking bytes whose length is not trusted.
+// within n bytes and are well formed (TLV_Check_Format's walk over that
+// length, the first byte taken as the tag even when it is FF); 0 otherwise.
+// Use it before walking bytes whose length is not trusted.
 uint32_t WellFormedLen(const uint8_t *p, uint32_t n);
 
 // Depth-first search like TLV_FindTag, over a sequence of top-level elements
@@ -100,9 +111,16 @@ uint8_t *FindInSequence(uint8_t *p, uint32_t len, uint32_t tag);
 // ---- Database bounds (Database.cpp) ------------------------------------------
 
 // VelkDataBase_Get_TagValue into a buffer of cap bytes: copies at most cap
-// value bytes (the design's "up to N bytes"); *len receives the number copied.
+// value bytes (the "read up to N bytes" of the processing steps); *len receives the number copied.
 // 0, or 0x31004 when the tag is absent (*len untouched).
 uint32_t DbGet(uint32_t tag, uint8_t *out, uint32_t cap, uint32_t *len);
+
+// ---- Data records (Database.cpp) ----------------------------------------------
+
+// VelkCless_Create_2ndGAC_OnlineData_DataRecord into a container of cap bytes
+// (the constructed element already started at container); *len receives the
+// container's total length after each element added.
+void CreateOnlineRecord(uint8_t *container, uint32_t cap, uint32_t *len);
 
 // ---- Callback messages (callback.cpp) ----------------------------------------
 
@@ -117,6 +135,96 @@ bool MsgAdd(uint32_t tag, const uint8_t *value, uint32_t len);
 uint32_t MsgCall();
 // The root of the host's reply (meaningful after MsgCall returned 0).
 uint8_t *MsgReply();
+
+// ---- Transaction control (VelkKernel_Process.cpp) ----------------------------
+
+// The constructed 7F11 of the transaction input (len bytes at input); null
+// when it is absent or the input is not a well-formed sequence.
+uint8_t *InputTemplate(uint8_t *input, uint32_t len);
+
+// The input edits of the restart after an ECHO communication error: 9F06 and
+// 9F872B leave the 7F11 (as direct children), the FCI (when fci is not null)
+// takes the place of any 9F8201 in it, whatever followed the 7F11 is dropped
+// and cleared, and *len becomes the input's new length. The 7F11 stays inside
+// the first VELK_IO_BUFFER_MIN_LEN bytes of input. False, with *len unchanged
+// (the removals may already be done), when the input has no 7F11, the FCI
+// does not fit or the result is not well formed.
+bool EchoRestartInput(uint8_t *input, uint32_t *len, const uint8_t *fci, uint32_t fciLen);
+
+// The first element with this tag in the dynamic transaction parameters
+// (depth first), or null.
+uint8_t *DtpFind(uint32_t tag);
+
+// The outcome TLV 7F01 of the current outcome, written into cap bytes at out.
+// *len follows the packet's length after each element; an element that would
+// pass cap is left out whole and the packet stays well formed. Nothing is
+// written when not even the empty 7F01 fits.
+void BuildOutcomePacket(uint8_t *out, uint32_t cap, uint32_t *len);
+
+// ---- Card responses of the payment steps (InitiateApplicationProcessing.cpp,
+//      CAA.cpp) -----------------------------------------------------------------
+
+// True when a response of len bytes ends in the status word 90 00. A response
+// shorter than 2 bytes has no status word and never passes.
+bool StatusIs9000(const uint8_t *rapdu, uint32_t len);
+
+// Endings shared by the steps that talk to the card. Each raises its outcome,
+// sets step 0 and returns what the step returns: a communication error ends
+// the payment as not completed (0), a stop by the reader ends with the
+// cancellation (0x30101), a broken card answer with Transaction Completed on
+// Error (0).
+uint32_t EndCommunicationError();
+uint32_t EndStopped();
+uint32_t EndOnError();
+
+// Total length that the header at p declares for its element, decoded from at
+// most n bytes; 0 when the header itself does not fit in n bytes.
+uint32_t DeclaredLen(const uint8_t *p, uint32_t n);
+
+// The value of an element inside a checked tree, located from the same header
+// decoding as its total length. (TLV_GetValue reads a length byte 84 or above
+// as a longer field than the one the total length counts, so on card data
+// its pointer plus the length could pass the element.)
+uint8_t *ElementValue(uint8_t *element);
+
+// The children of a constructed element whose whole tree was checked
+// (WellFormedLen or TLV_Check_Format). Padding (a run of FF then a run of 00)
+// is skipped as the codec does, but never past the parent's end, and the
+// walk keeps no module state, so it nests freely with the codec's iterators.
+struct Children {
+    uint8_t *parent;
+    uint32_t pos;  // offset from parent of the next byte to look at
+    uint32_t end;  // the parent's total length
+};
+Children ChildrenOf(uint8_t *parent);
+// The next child, or null at the end (or at a child that would pass the end).
+uint8_t *NextChild(Children &walk);
+
+// What a GENERATE AC response template held: the objects the analysis needs,
+// each counted only with the length the analysis requires.
+struct GacObjects {
+    bool cid;   // 9F27, 1 byte
+    bool atc;   // 9F36, 2 bytes
+    bool ac;    // 9F26, 8 bytes
+    bool sdad;  // 9F4B, any length
+    bool iad;   // 9F10, any length
+    bool c5;    // C5 with at least its first byte (copied to 9F9316)
+    uint8_t cidValue;
+    uint8_t c5Byte1;
+};
+// Stores every data object of the GENERATE AC response template at tpl (tag
+// 77 already tested), which must fill exactly len bytes and be well formed.
+// false when it does not, or at the first object whose length is outside its
+// range in the tag property table (objects before it stay stored).
+bool StoreGacResponse(uint8_t *tpl, uint32_t len, GacObjects *seen);
+
+// Sends GENERATE AC with reference control parameter p1 and the related data
+// of the CDOL stored under cdolTag (95 is written first so that the CDOL may
+// ask for the TVR); the related data are stored under dataTag unless it is 0,
+// and 9F820B = 01 is written after them when markCda is set. The response
+// goes to ucLastRAPDU (260 bytes) and its length to uiLastRAPDULen. The
+// result of VelkCless_ExchangeAPDU.
+uint32_t SendGenerateAc(uint32_t cdolTag, uint8_t p1, uint32_t dataTag, bool markCda);
 
 }  // namespace velk
 

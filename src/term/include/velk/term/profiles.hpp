@@ -11,7 +11,8 @@
 namespace velk::term {
 
 // $VELK_PROFILES, else the profiles installed next to the executable
-// (../share/velk/profiles), else those of the source tree it was built from.
+// (share/velk-term/profiles of its prefix), else those of the source tree it
+// was built from.
 std::filesystem::path ProfilesDir();
 
 // A path that exists is taken as it is; otherwise a bare name is looked up

@@ -1,0 +1,254 @@
+#include "first_tap.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "baseKernel.h"
+#include "emv_kernel.h"
+
+namespace velk::test {
+
+using velk::host::FromHex;
+using velk::host::Tlv;
+using velk::host::ToHex;
+
+namespace {
+
+Bytes T(uint32_t tag, std::string_view hex) {
+    return Tlv(tag, FromHex(hex));
+}
+
+Bytes Constructed(uint32_t tag, const std::vector<Bytes> &children) {
+    Bytes value;
+    for (const Bytes &child : children)
+        value.insert(value.end(), child.begin(), child.end());
+    return Tlv(tag, value);
+}
+
+void Append(std::vector<Bytes> &to, const std::vector<Bytes> &more) {
+    to.insert(to.end(), more.begin(), more.end());
+}
+
+// One DOL entry: tag by the BER rule, then a one-byte length.
+bool NextEntry(const Bytes &dol, size_t &pos, uint32_t &tag, size_t &len) {
+    while (pos < dol.size() && (dol[pos] == 0x00 || dol[pos] == 0xFF))
+        ++pos;
+    if (pos >= dol.size()) return false;
+    tag = dol[pos++];
+    if ((tag & 0x1F) == 0x1F) {
+        do {
+            if (pos >= dol.size()) return false;
+            tag = (tag << 8) | dol[pos];
+        } while ((dol[pos++] & 0x80) != 0);
+    }
+    if (pos >= dol.size()) return false;
+    len = dol[pos++];
+    return true;
+}
+
+// Steps run after Kernel_Start_VELK_ stopped in a stub (see FirstTap::Run).
+using StepFn = uint32_t (*)(uint8_t *, uint32_t *);
+template <uint32_t (*F)(void)>
+uint32_t NoBuffer(uint8_t *, uint32_t *) {
+    return F();
+}
+struct Step {
+    uint32_t code;
+    StepFn run;
+    uint32_t passedTo;  // the step a stub is passed to; 0: never a stub here
+};
+constexpr Step kSteps[] = {
+    {0x1300, VelkCless_Initiate_Application_Processing, 0},
+    {0x1400, VelkCless_ReadApplicationData, 0},
+    {0x1610, NoBuffer<VelkCless_ODA_CAM_Selection>, 0x1700},
+    {0x1620, NoBuffer<VelkCless_ODA_CAM_Checking>, 0x2900},
+    {0x1700, VelkCless_Processing_Restrictions, 0},
+    {0x1800, NoBuffer<VelkCless_Cardholder_Verification>, 0},
+    {0x1900, NoBuffer<VelkCless_TRM_Process>, 0},
+    {0x2000, NoBuffer<VelkCless_Terminal_Action_Analysis>, 0},
+    {0x2100, NoBuffer<VelkCless_Card_Action_Analysis_1st_Processing>, 0},
+    {0x2210, NoBuffer<VelkCless_Online_Processing_Long_Tap>, 0},
+    {0x2220, NoBuffer<VelkCless_Online_Processing_Online_Tap>, 0},
+    {0x2620, NoBuffer<VelkCless_Update_of_Data_Element_values_in_EEPROM_after_GPO_command>, 0x1400},
+    {0x2630, NoBuffer<VelkCless_Update_of_Data_Element_values_in_EEPROM_after_CAA>, 0x2700},
+    {0x2700, NoBuffer<VelkCless_Retrieval_Card_Balance>, 0},
+    {0x2900, NoBuffer<VelkCless_Kernel_De_Activation>, 0},
+};
+
+// Runs the step machine from GPO on, as VelkCless_Start_Transaction does,
+// passing the stubs named in kSteps; then writes the outcome packet.
+uint32_t ContinueFromGpo(ScriptedHost &host, Bytes &io, uint32_t &len,
+                         std::vector<uint32_t> &steps) {
+    uint32_t result = 0;
+    VelkCless_SetTransactionStep(0x1300);
+    while (VelkCless_GetTransactionStep() != 0) {
+        const uint32_t code = VelkCless_GetTransactionStep();
+        const Step *step = nullptr;
+        for (const Step &s : kSteps)
+            if (s.code == code) step = &s;
+        if (step == nullptr) {
+            ADD_FAILURE() << "first tap reached step " << std::hex << code;
+            break;
+        }
+        steps.push_back(code);
+        FINAL_OUTCOME &ops = host.g().FinalOutCome;
+        const FINAL_OUTCOME before = ops;
+        ops.ucStatus = 0xEE;  // no outcome function leaves this
+        result = step->run(io.data(), &len);
+        const bool raised = ops.ucStatus != 0xEE;
+        if (!raised) ops = before;
+        if (step->passedTo != 0 && result == 0 && !raised && VelkCless_GetTransactionStep() == 0)
+            VelkCless_SetTransactionStep(step->passedTo);
+        if (result != 0) break;
+    }
+    (void)VelkCless_Transaction_FinalOutcome_Packet(io.data(), &len);
+    return result;
+}
+
+}  // namespace
+
+std::vector<Bytes> Reader::Ics() const {
+    std::vector<Bytes> ics = {T(0x9F9301, capabilities), T(0x9F9302, options),
+                              T(0x9F35, terminalType),   T(0x9F1A, country),
+                              T(0x9F1B, floorLimit),     T(0x9F8209, cvmLimit),
+                              T(0x9F09, version),        T(0x9F8246, tacDenial),
+                              T(0x9F8247, tacOnline),    T(0x9F8245, tacDefault)};
+    Append(ics, extra);
+    return ics;
+}
+
+Bytes Purchase::Input() const {
+    std::vector<Bytes> params = {T(0x9F02, amount), T(0x5F2A, currency), T(0x9A, date),
+                                 T(0x9C, type)};
+    Append(params, extra);
+    return TransactionInput(params);
+}
+
+Bytes Card::Fci() const {
+    std::vector<Bytes> a5 = {T(0x50, "56454C4B20444542495400")};
+    if (!pdol.empty()) a5.push_back(T(0x9F38, pdol));
+    return velk::test::Fci(aid, a5);
+}
+
+Bytes Card::GpoResponse() const {
+    std::vector<Bytes> children = {T(0x82, aip), T(0x94, afl)};
+    Append(children, gpoExtra);
+    return With9000(Constructed(0x77, children));
+}
+
+std::vector<Bytes> Card::Records() const {
+    if (records) return *records;
+    std::vector<Bytes> one = {
+        T(0x57, track2),          T(0x5A, pan),   T(0x5F24, expiry), T(0x5F25, effective),
+        T(0x5F28, issuerCountry), T(0x9F07, auc), T(0x9F08, version)};
+    Append(one, record1Extra);
+    std::vector<Bytes> two = {T(0x8C, cdol1),
+                              T(0x8D, cdol2),
+                              T(0x8E, cvmList),
+                              T(0x9F0E, iacDenial),
+                              T(0x9F0F, iacOnline),
+                              T(0x9F0D, iacDefault),
+                              T(0x9F42, applicationCurrency)};
+    Append(two, record2Extra);
+    return {Constructed(0x70, one), Constructed(0x70, two)};
+}
+
+Bytes Card::GacResponse() const {
+    std::vector<Bytes> children = {T(0x9F27, cid), T(0x9F36, atc), T(0x9F26, ac), T(0x9F10, iad)};
+    Append(children, gacExtra);
+    return With9000(Constructed(0x77, children));
+}
+
+Bytes DolData(std::string_view dolHex, const std::map<uint32_t, Bytes> &values) {
+    const Bytes dol = FromHex(dolHex);
+    Bytes data;
+    size_t pos = 0;
+    uint32_t tag = 0;
+    size_t len = 0;
+    while (NextEntry(dol, pos, tag, len)) {
+        const auto it = values.find(tag);
+        if (it == values.end()) {
+            data.insert(data.end(), len, 0x00);
+            continue;
+        }
+        EXPECT_EQ(it->second.size(), len)
+            << "DOL entry " << std::hex << tag << ": state the expected command yourself";
+        Bytes value = it->second;
+        value.resize(len, 0x00);
+        data.insert(data.end(), value.begin(), value.end());
+    }
+    return data;
+}
+
+std::map<uint32_t, Bytes> FirstTap::Values() const {
+    return {{0x9F02, FromHex(purchase.amount)}, {0x5F2A, FromHex(purchase.currency)},
+            {0x9A, FromHex(purchase.date)},     {0x9C, FromHex(purchase.type)},
+            {0x9F1A, FromHex(reader.country)},  {0x9F35, FromHex(reader.terminalType)},
+            {0x9F37, FromHex("11223344")},      {0x95, FromHex(tvr)}};
+}
+
+Bytes FirstTap::GpoCommand() const {
+    if (gpoCommand) return *gpoCommand;
+    const Bytes data = DolData(card.pdol, Values());
+    const Bytes wrapped = Tlv(0x83, data);
+    Bytes apdu = {0x80, 0xA8, 0x00, 0x00, static_cast<uint8_t>(wrapped.size())};
+    apdu.insert(apdu.end(), wrapped.begin(), wrapped.end());
+    apdu.push_back(0x00);
+    return apdu;
+}
+
+Bytes FirstTap::GacCommand() const {
+    if (gacCommand) return *gacCommand;
+    const Bytes data = DolData(card.cdol1, Values());
+    Bytes apdu = {0x80, 0xAE, gacP1, 0x00, static_cast<uint8_t>(data.size())};
+    apdu.insert(apdu.end(), data.begin(), data.end());
+    apdu.push_back(0x00);
+    return apdu;
+}
+
+std::vector<CardExchange> FirstTap::Script() const {
+    std::vector<CardExchange> script;
+    script.push_back(gpo ? *gpo : Respond(GpoCommand(), card.GpoResponse()));
+    if (recordExchanges) {
+        script.insert(script.end(), recordExchanges->begin(), recordExchanges->end());
+    } else {
+        // The records of the AFL in order, answered with the card's records.
+        const Bytes afl = FromHex(card.afl);
+        const std::vector<Bytes> records = card.Records();
+        size_t next = 0;
+        for (size_t e = 0; e + 4 <= afl.size(); e += 4) {
+            for (uint32_t r = afl[e + 1]; r <= afl[e + 2] && next < records.size(); ++r) {
+                const Bytes cmd = {0x00, 0xB2, static_cast<uint8_t>(r),
+                                   static_cast<uint8_t>((afl[e] & 0xF8) | 0x04), 0x00};
+                script.push_back(Respond(cmd, With9000(records[next++])));
+            }
+        }
+    }
+    script.insert(script.end(), beforeGac.begin(), beforeGac.end());
+    script.push_back(gac ? *gac : Respond(GacCommand(), card.GacResponse()));
+    script.insert(script.end(), afterGac.begin(), afterGac.end());
+    if (endAfter && *endAfter < script.size()) script.resize(*endAfter);
+    return script;
+}
+
+TapResult FirstTap::Run(ScriptedHost &host) const {
+    host.ics = reader.Ics();
+    host.Post(VELK_SIGNAL_FCI, With9000(card.Fci()));
+    host.card = Script();
+    const ScriptedHost::Result first = host.Start(purchase.Input());
+
+    TapResult r;
+    r.status = first.status;
+    r.out = first.out;
+    if (first.status == 0 && host.g().FinalOutCome.ucStatus == 0 && host.capdus.empty()) {
+        Bytes io(VELK_IO_BUFFER_MIN_LEN, 0);
+        uint32_t len = 0;
+        r.status = ContinueFromGpo(host, io, len, r.steps);
+        r.out.assign(io.begin(), io.begin() + len);
+    }
+    r.ops = OutcomePacket(r.out).ops;
+    return r;
+}
+
+}  // namespace velk::test
