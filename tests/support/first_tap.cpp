@@ -47,65 +47,6 @@ bool NextEntry(const Bytes &dol, size_t &pos, uint32_t &tag, size_t &len) {
     return true;
 }
 
-// Steps run after Kernel_Start_VELK_ stopped in a stub (see FirstTap::Run).
-using StepFn = uint32_t (*)(uint8_t *, uint32_t *);
-template <uint32_t (*F)(void)>
-uint32_t NoBuffer(uint8_t *, uint32_t *) {
-    return F();
-}
-struct Step {
-    uint32_t code;
-    StepFn run;
-    uint32_t passedTo;  // the step a stub is passed to; 0: never a stub here
-};
-constexpr Step kSteps[] = {
-    {0x1300, VelkCless_Initiate_Application_Processing, 0},
-    {0x1400, VelkCless_ReadApplicationData, 0},
-    {0x1610, NoBuffer<VelkCless_ODA_CAM_Selection>, 0x1700},
-    {0x1620, NoBuffer<VelkCless_ODA_CAM_Checking>, 0x2900},
-    {0x1700, VelkCless_Processing_Restrictions, 0},
-    {0x1800, NoBuffer<VelkCless_Cardholder_Verification>, 0},
-    {0x1900, NoBuffer<VelkCless_TRM_Process>, 0},
-    {0x2000, NoBuffer<VelkCless_Terminal_Action_Analysis>, 0},
-    {0x2100, NoBuffer<VelkCless_Card_Action_Analysis_1st_Processing>, 0},
-    {0x2210, NoBuffer<VelkCless_Online_Processing_Long_Tap>, 0},
-    {0x2220, NoBuffer<VelkCless_Online_Processing_Online_Tap>, 0},
-    {0x2620, NoBuffer<VelkCless_Update_of_Data_Element_values_in_EEPROM_after_GPO_command>, 0x1400},
-    {0x2630, NoBuffer<VelkCless_Update_of_Data_Element_values_in_EEPROM_after_CAA>, 0x2700},
-    {0x2700, NoBuffer<VelkCless_Retrieval_Card_Balance>, 0},
-    {0x2900, NoBuffer<VelkCless_Kernel_De_Activation>, 0},
-};
-
-// Runs the step machine from GPO on, as VelkCless_Start_Transaction does,
-// passing the stubs named in kSteps; then writes the outcome packet.
-uint32_t ContinueFromGpo(ScriptedHost &host, Bytes &io, uint32_t &len,
-                         std::vector<uint32_t> &steps) {
-    uint32_t result = 0;
-    VelkCless_SetTransactionStep(0x1300);
-    while (VelkCless_GetTransactionStep() != 0) {
-        const uint32_t code = VelkCless_GetTransactionStep();
-        const Step *step = nullptr;
-        for (const Step &s : kSteps)
-            if (s.code == code) step = &s;
-        if (step == nullptr) {
-            ADD_FAILURE() << "first tap reached step " << std::hex << code;
-            break;
-        }
-        steps.push_back(code);
-        FINAL_OUTCOME &ops = host.g().FinalOutCome;
-        const FINAL_OUTCOME before = ops;
-        ops.ucStatus = 0xEE;  // no outcome function leaves this
-        result = step->run(io.data(), &len);
-        const bool raised = ops.ucStatus != 0xEE;
-        if (!raised) ops = before;
-        if (step->passedTo != 0 && result == 0 && !raised && VelkCless_GetTransactionStep() == 0)
-            VelkCless_SetTransactionStep(step->passedTo);
-        if (result != 0) break;
-    }
-    (void)VelkCless_Transaction_FinalOutcome_Packet(io.data(), &len);
-    return result;
-}
-
 }  // namespace
 
 std::vector<Bytes> Reader::Ics() const {
@@ -208,8 +149,9 @@ Bytes FirstTap::GacCommand() const {
 }
 
 std::vector<CardExchange> FirstTap::Script() const {
-    std::vector<CardExchange> script;
+    std::vector<CardExchange> script = beforeGpo;
     script.push_back(gpo ? *gpo : Respond(GpoCommand(), card.GpoResponse()));
+    script.insert(script.end(), afterGpo.begin(), afterGpo.end());
     if (recordExchanges) {
         script.insert(script.end(), recordExchanges->begin(), recordExchanges->end());
     } else {
@@ -241,12 +183,6 @@ TapResult FirstTap::Run(ScriptedHost &host) const {
     TapResult r;
     r.status = first.status;
     r.out = first.out;
-    if (first.status == 0 && host.g().FinalOutCome.ucStatus == 0 && host.capdus.empty()) {
-        Bytes io(VELK_IO_BUFFER_MIN_LEN, 0);
-        uint32_t len = 0;
-        r.status = ContinueFromGpo(host, io, len, r.steps);
-        r.out.assign(io.begin(), io.begin() + len);
-    }
     r.ops = OutcomePacket(r.out).ops;
     return r;
 }

@@ -107,9 +107,8 @@ struct Card {
 
 struct TapResult {
     uint32_t status = 0;
-    Bytes out;                    // the outcome TLV
-    Bytes ops;                    // DF8129, the Outcome Parameter Set
-    std::vector<uint32_t> steps;  // steps run after the GPO's step (see Run)
+    Bytes out;  // the outcome TLV
+    Bytes ops;  // DF8129, the Outcome Parameter Set
 };
 
 struct FirstTap {
@@ -122,6 +121,10 @@ struct FirstTap {
     // P1 of GENERATE AC.
     uint8_t gacP1 = 0x40;
 
+    // Exchanges before GPO (retrieval and updates) and right after the GPO
+    // response (updates after GPO).
+    std::vector<CardExchange> beforeGpo;
+    std::vector<CardExchange> afterGpo;
     // Exchanges between the records and GENERATE AC, and after it.
     std::vector<CardExchange> beforeGac;
     std::vector<CardExchange> afterGac;
@@ -149,16 +152,6 @@ struct FirstTap {
 
     // Configures the host (D1, D3 and D5 replies, the FCI signal, the card
     // script) and runs the tap through Kernel_Start_VELK_.
-    //
-    // Data element retrieval/update and offline CAM selection and checking are
-    // still stubs on this branch that end the transaction without an outcome.
-    // When Kernel_Start_VELK_ returns that way before any card command, the
-    // tap goes on from GET PROCESSING OPTIONS with the step functions
-    // themselves, and each of those stubs is passed the way the real step
-    // passes it on a tap like this one (no data elements, no offline CAM):
-    // 2500/2610/2620 -> GPO/READ RECORD, 1610 -> 1700, 1620 -> 2900,
-    // 2630 -> 2700. `steps` lists the steps run there. Once those steps are
-    // built, Kernel_Start_VELK_ runs the whole tap and `steps` stays empty.
     TapResult Run(ScriptedHost &host) const;
 };
 

@@ -31,10 +31,6 @@ constexpr char kOnDeviceCvm[] = "4010F0F0C0F01300";
 constexpr char kDeclinedBeforeRecords[] = "20F0F0F080F0FF00";
 constexpr char kNoOutcome[] = "0000000000000000";
 
-// The steps of a first tap that reaches de-activation after an approval.
-const std::vector<uint32_t> kApprovalSteps = {0x1300, 0x1400, 0x1610, 0x1700, 0x1800, 0x1900,
-                                              0x2000, 0x2100, 0x2700, 0x1620, 0x2900};
-
 Bytes T(uint32_t tag, std::string_view hex) {
     return Tlv(tag, FromHex(hex));
 }
@@ -91,7 +87,6 @@ TEST(FirstTap, StandardTapIsApprovedOfflineByteForByte) {
               "00"
               "11223344"
               "00");
-    EXPECT_EQ(r.steps, kApprovalSteps);
     EXPECT_EQ(Db(0x9F34), "3F0000");  // no CVM required below the CVM limit
     EXPECT_EQ(Db(0x8A), "5931");
     EXPECT_TRUE(CardReadShown(host));
@@ -146,7 +141,6 @@ TEST_P(FirstTapGpoFailure, EndsInTransactionCompletedOnErrorBeforeAnyRecord) {
     EXPECT_EQ(r.status, 0u);
     EXPECT_EQ(ToHex(r.ops), kCompletedOnError);
     EXPECT_EQ(host.capdus.size(), 1u);
-    EXPECT_EQ(r.steps, std::vector<uint32_t>{0x1300});
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -554,8 +548,6 @@ TEST(FirstTap, OnlineRequest) {
     const TapResult r = tap.Run(host);
     EXPECT_EQ(ToHex(r.ops), kOnlineRequest);
     EXPECT_EQ(Db(0x8A), "absent");
-    ASSERT_FALSE(r.steps.empty());
-    EXPECT_EQ(r.steps.back(), 0x2900u);
 }
 
 TEST(FirstTap, TcGivenWhenArqcWasAskedEndsTheApplication) {
@@ -565,39 +557,6 @@ TEST(FirstTap, TcGivenWhenArqcWasAskedEndsTheApplication) {
     tap.gacP1 = 0x80;
     tap.card.cid = "40";
     EXPECT_EQ(ToHex(tap.Run(host).ops), kEndApplication);
-}
-
-TEST(FirstTap, LongTapKeepsTheCardInTheField) {
-    ScriptedHost host;
-    FirstTap tap;
-    tap.reader.capabilities = "060010001800";  // long tap supported
-    tap.reader.options = "04";
-    tap.reader.terminalType = "21";
-    tap.gacP1 = 0x80;
-    tap.card.cid = "80";
-    const TapResult r = tap.Run(host);
-    // The long tap's own step is built elsewhere; here the tap has chosen it.
-    ASSERT_FALSE(r.steps.empty());
-    EXPECT_EQ(r.steps.back(), 0x2210u);
-    EXPECT_FALSE(CardReadShown(host));
-    EXPECT_EQ(ToHex(r.ops), kNoOutcome);
-}
-
-TEST(FirstTap, OnlineTapShowsCardReadAndChoosesItsStep) {
-    ScriptedHost host;
-    FirstTap tap;
-    tap.reader.capabilities = "060080001800";  // online tap supported
-    tap.reader.options = "02";
-    tap.reader.terminalType = "21";
-    tap.gacP1 = 0x80;
-    tap.card.cid = "80";
-    tap.card.gacExtra = {T(0xC5, "08")};
-    const TapResult r = tap.Run(host);
-    ASSERT_FALSE(r.steps.empty());
-    EXPECT_EQ(r.steps.back(), 0x2220u);
-    EXPECT_TRUE(CardReadShown(host));
-    EXPECT_EQ(Db(0x9F9316), "08");
-    EXPECT_EQ(ToHex(r.ops), kNoOutcome);
 }
 
 TEST(FirstTap, BalanceIsReadAndShownWithTheApproval) {

@@ -36,6 +36,31 @@
  *        word and its DF name at most 32 bytes; a longer one selects the next
  *        application like any other bad FCI.
  *
+ *        Card data element retrieval and update (implementation options
+ *        0x80 and 0x40 of 9F9302; transaction types 0x78 and 0x79) are
+ *        configured by two templates, given among the children of 7F11 or
+ *        in the reply to D1 or D3 (a later one replaces an earlier one), in
+ *        their natural shape:
+ *          BF71 { 9F70 GDDOL }: the tags to read with GET DATA, as tag and
+ *            length pairs (the lengths are not used); the first 256 bytes of
+ *            9F70 count, an entry cut at that end is dropped.
+ *          BF70 { A2 {...} A3 {...} A4 {...} ... }: update entries, applied
+ *            in order before GPO (A2), after the GPO response (A3) and after
+ *            the first GENERATE AC (A4). An entry's value begins with the
+ *            data element to write (its tag gives P1 P2 of PUT DATA, its
+ *            value, at most 255 bytes, the data) and may hold 85 whose first
+ *            byte is the entry's setting (0x01: a failed update stops the
+ *            transaction; 0x80, 0x40, 0x20: conditions of A4 entries). An
+ *            entry is at most 300 bytes; one the kernel cannot send counts
+ *            as a failed update.
+ *        The kernel keeps each template with its whole encoding as its
+ *        database value (tag, length and value: BF70 L A2 ... A3 ...); all
+ *        other elements are kept by their value. The results come back as
+ *        discretionary data FF8106: 9F71 (the retrieved elements as tag,
+ *        length, value; an element that would take 9F71 past 1008 bytes is
+ *        left out) and 9F74 (result 01 failed or 02 succeeded, and the
+ *        number of elements updated).
+ *
  *        The outcome TLV holds DF8129 (Outcome Parameter Set), DF8116 and
  *        9F8117 (the UIRDs), FF8106 (discretionary data), FF8105 (data record)
  *        and 9F8211 (01, for a reader that set it in the input), each when the

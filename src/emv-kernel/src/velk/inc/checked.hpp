@@ -136,6 +136,70 @@ uint32_t MsgCall();
 // The root of the host's reply (meaningful after MsgCall returned 0).
 uint8_t *MsgReply();
 
+// ---- Host parameters (DataElement_EEPROM_Process.cpp) -------------------------
+
+// Stores one element of the host's parameters (a child of the input's 7F11 or
+// of a D1 or D3 reply, inside a tree already checked well formed) in the
+// database: BF70 and BF71 with their whole encoding (tag, length and value)
+// as the stored value, so that the data element steps reach the update
+// entries and the GDDOL as the children of the stored value's first element;
+// every other tag with its value. The result of VelkDataBase_Set_TAG.
+uint32_t SetHostParameter(uint8_t *element);
+
+// ---- Offline data authentication (algorithm.cpp) -----------------------------
+
+// Failure codes of the recovery bounds. A key or a signed block that its
+// fixed recovery area or its layout cannot hold is refused before any RSA
+// call or copy, so that no position of a layout is ever computed from a
+// length too short for it.
+inline constexpr uint32_t kErrCaKeySize =
+    0x31220;  // CA modulus over the 256-byte area or under the 36 bytes of the layout
+inline constexpr uint32_t kErrIssuerKeySize =
+    0x31221;  // issuer modulus over its area (512 bytes, SDA 300) or under 42 bytes
+inline constexpr uint32_t kErrIccKeySize =
+    0x31222;  // ICC modulus over the 300-byte area or under 25 bytes
+inline constexpr uint32_t kErrSignedStaticSize =
+    0x31223;  // Signed Static Application Data over 300 bytes or under 26
+inline constexpr uint32_t kErrDynamicDataLayout =
+    0x31224;  // ICC dynamic data reaching the hash, or a dynamic number past it
+
+// The frame of every recovered block: header 6A at position 0, then the
+// 20-byte hash and the trailer BC at the end. The hash input starts at
+// position 1 and stops before the hash (N - 22 bytes).
+inline constexpr uint8_t kRecoveredHeader = 0x6A;
+inline constexpr uint8_t kRecoveredTrailer = 0xBC;
+inline constexpr uint32_t kHashLen = 20;
+inline constexpr uint32_t kRecoveredTail = kHashLen + 1;
+inline constexpr uint32_t kNotHashed = 1 + kRecoveredTail;
+inline constexpr uint8_t kSha1Indicator = 0x01;
+inline constexpr uint8_t kCamDda = 3;  // Offline_CAM_Selected_Indicator
+inline constexpr uint8_t kTvr1IccDataMissing = 0x20;
+
+// A data element that must be stored, and the failure its absence gives.
+struct RequiredTag {
+    uint32_t tag;
+    uint32_t code;
+};
+// The code of the first tag absent (or, with needValue, empty); 0 when all
+// are there.
+uint32_t FirstAbsent(const RequiredTag *tags, uint32_t count, bool needValue);
+template <uint32_t N>
+uint32_t FirstAbsent(const RequiredTag (&tags)[N], bool needValue) {
+    return FirstAbsent(tags, N, needValue);
+}
+
+// A checked writer over the exchange buffer for a hash input, from its first
+// byte. With clearAll the whole buffer is zeroed first, else its first 4
+// bytes.
+Writer ExchangeHashInput(bool clearAll);
+// Appends a stored value to a hash input when the tag is present.
+void AppendStored(Writer &hash, uint32_t tag);
+// SHA-1 of the writer's bytes against the 20 bytes at expected: 0 when they
+// agree, errMismatch when not, 0x31006 when the input did not fit in the
+// buffer (it is refused there, after it was assembled, and nothing was
+// written past the buffer).
+uint32_t CompareHashInput(const Writer &hash, const uint8_t *expected, uint32_t errMismatch);
+
 // ---- Transaction control (VelkKernel_Process.cpp) ----------------------------
 
 // The constructed 7F11 of the transaction input (len bytes at input); null

@@ -142,7 +142,7 @@ uint32_t TakeInputParameters(uint8_t *input, uint32_t len) {
         const uint32_t n = TLV_GetLen(child);
         const uint8_t *value = TLV_GetValue(child);
         if (tag == 0x9C && n != 0) VelkCless_Set_TransactionType(value[0]);
-        if (tag != 0x71 && tag != 0x72) (void)VelkDataBase_Set_TAG(tag, n, value);
+        if (tag != 0x71 && tag != 0x72) (void)velk::SetHostParameter(child);
         if (!DtpAppend(tag, value, n)) return kErrDtpFull;
     }
     return 0;

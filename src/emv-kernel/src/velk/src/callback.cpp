@@ -49,7 +49,7 @@ uint32_t StoreReplyChildren() {
     uint32_t status = 0;
     for (uint8_t *child = TLV_GetFirstChildTag(reply); child != nullptr;
          child = TLV_GetNextChildTag(reply)) {
-        status = VelkDataBase_Set_TAG(TLV_GetTag(child), TLV_GetLen(child), TLV_GetValue(child));
+        status = velk::SetHostParameter(child);
     }
     return status;
 }
