@@ -9,7 +9,14 @@ namespace velk::card {
 namespace {
 
 std::string Quote(std::string_view s) {
-    return "'" + std::string(s) + "'";
+    // Built by appending: GCC 12 warns (-Wrestrict) on "'" + std::string(s) + "'"
+    // in optimised builds.
+    std::string out;
+    out.reserve(s.size() + 2);
+    out.push_back('\'');
+    out.append(s);
+    out.push_back('\'');
+    return out;
 }
 
 std::string TypeName(const Json &v) {
@@ -66,9 +73,16 @@ Json LoadMerged(const std::filesystem::path &path,
     Json doc = file->doc;
     if (!doc.is_object()) return doc;
     const Field self(file);
+    // Made absolute, so that reading the merged document resolves each name
+    // once, against the file that wrote it. A name that is no file next to
+    // it is kept as written: the reader may know it otherwise (a bundled
+    // profile's name).
     for (std::string_view key : path_keys)
-        if (auto f = self.Optional(key); f && f->IsString())
-            doc[std::string(key)] = f->FilePath().string();
+        if (auto f = self.Optional(key); f && f->IsString()) {
+            std::error_code ec;
+            const auto p = std::filesystem::absolute(f->FilePath(), ec).lexically_normal();
+            if (!ec && std::filesystem::exists(p, ec)) doc[std::string(key)] = p.string();
+        }
     if (!doc.contains("extends")) return doc;
     const std::filesystem::path base = self["extends"].FilePath();
     if (depth >= 8) self["extends"].Fail("files extend each other more than 8 deep");

@@ -41,6 +41,23 @@ uint8_t ParseTransactionType(const std::string &name, const TerminalProfile &ter
     return b[0];
 }
 
+namespace {
+
+// A scenario names its card and terminal by file (relative to the scenario)
+// or by a bundled profile's name, so that a scenario copied elsewhere still
+// runs against the bundled profiles.
+std::filesystem::path ProfileOf(const Field &f, const std::string &kind) {
+    std::error_code ec;
+    if (const auto file = f.FilePath(); std::filesystem::is_regular_file(file, ec)) return file;
+    try {
+        return ResolveProfile(f.String(), kind);
+    } catch (const velk::card::ProfileError &e) {
+        f.Fail(e.what());
+    }
+}
+
+}  // namespace
+
 Scenario LoadScenario(const std::filesystem::path &path) {
     const Field root(velk::card::LoadJsonFileWithBase(path, {"card", "terminal"}));
     root.OnlyKeys({"name", "description", "card", "terminal", "amount", "other_amount", "type",
@@ -48,8 +65,8 @@ Scenario LoadScenario(const std::filesystem::path &path) {
     Scenario s;
     s.file = path;
     s.name = root["name"].String();
-    s.card = root["card"].FilePath();
-    s.terminal = root["terminal"].FilePath();
+    s.card = ProfileOf(root["card"], "cards");
+    s.terminal = ProfileOf(root["terminal"], "terminals");
     if (auto a = root.Optional("amount")) s.amount = a->String();
     if (auto a = root.Optional("other_amount")) s.other_amount = a->String();
     if (auto t = root.Optional("type")) s.type = t->String();
