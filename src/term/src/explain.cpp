@@ -513,6 +513,18 @@ std::vector<std::string> ExplainValue(uint32_t tag, ByteView value) {
             if (!ui) return {"User Interface Request Data have 22 bytes"};
             return {DescribeUiRequest(*ui)};
         }
+        case 0x9F71: {
+            // The card's data elements, as the GDDOL asked for them.
+            std::vector<std::string> out;
+            try {
+                for (const auto &n : velk::card::ParseTlvData(value))
+                    out.push_back(TagHex(n.tag) + " " + TagName(n.tag) + ": " +
+                                  ShowValue(n.tag, n.value));
+            } catch (const std::invalid_argument &) {
+                out.assign(1, "not TLV");
+            }
+            return out;
+        }
         case 0x9F74:
             if (value.size() == 2)
                 return {std::string(value[0] == 2   ? "updates succeeded"

@@ -157,10 +157,11 @@ int Tvr(const std::string &hex) {
     return kOk;
 }
 
-int Run(const std::string &dir, const std::string &lib, int timeout, bool json) {
+int Run(const std::string &dir, const std::string &lib, int timeout, bool json,
+        const PendingNeeds &pending) {
     if (!std::filesystem::is_directory(dir))
         throw ProfileError(dir + ": not a folder of scenarios");
-    const auto results = RunScenarioFolder(dir, Lib(lib), std::chrono::seconds(timeout));
+    const auto results = RunScenarioFolder(dir, Lib(lib), std::chrono::seconds(timeout), pending);
     if (json) {
         nlohmann::ordered_json j = nlohmann::ordered_json::array();
         for (const ScenarioResult &r : results)
@@ -251,6 +252,7 @@ int main(int argc, char **argv) {
     std::string run_dir, run_lib;
     int run_timeout = 120;
     bool run_json = false;
+    PendingNeeds run_pending;
     CLI::App *run_cmd =
         app.add_subcommand("run", "Run a folder of scenarios and print a pass/fail table");
     run_cmd->footer(kExitCodes);
@@ -259,6 +261,9 @@ int main(int argc, char **argv) {
     run_cmd->add_option("--timeout", run_timeout, "Seconds allowed per scenario")
         ->capture_default_str();
     run_cmd->add_flag("--json", run_json, "Print the results as JSON");
+    run_cmd->add_option("--pending", run_pending,
+                        "Scenarios that need this (their \"needs\", e.g. second-entry) cannot "
+                        "fail the run (repeatable)");
 
     std::string decode_hex;
     bool decode_json = false;
@@ -297,7 +302,7 @@ int main(int argc, char **argv) {
     try {
         if (*pay_cmd) return Pay(pay);
         if (*readers_cmd) return Readers();
-        if (*run_cmd) return Run(run_dir, run_lib, run_timeout, run_json);
+        if (*run_cmd) return Run(run_dir, run_lib, run_timeout, run_json, run_pending);
         if (*decode_cmd) return Decode(decode_hex, decode_json);
         if (*tvr_cmd) return Tvr(tvr_hex);
         if (*serve_cmd) return ServeVpcd(serve_card, serve_host, serve_port, serve_wait);

@@ -138,7 +138,8 @@ std::string SignalName(uint8_t type) {
 
 void PrintTrace(std::ostream &out, const Trace &trace) {
     for (const TraceEvent &e : trace.Events()) {
-        const std::string at = "[" + std::to_string(e.entry) + "] ";
+        // Appended, not "[" + ...: GCC 12 sees a false overlap (-Wrestrict) there.
+        const std::string at = std::string("[").append(std::to_string(e.entry)).append("] ");
         switch (e.type) {
             case TraceEvent::Type::kApdu: {
                 out << at << "C-APDU " << Hex(e.first) << "  (" << e.text << ")\n";
@@ -238,7 +239,7 @@ void PrintReport(std::ostream &out, const TransactionReport &r, bool with_trace)
     if (r.issuer) {
         out << "\nIssuer (" << r.online_flow << ")\n";
         Field(out, "Response code",
-              "\"" + std::string(r.issuer->arc.begin(), r.issuer->arc.end()) + "\"");
+              std::string("\"").append(r.issuer->arc.begin(), r.issuer->arc.end()).append("\""));
         Field(out, "ARQC", r.issuer->arqc_check);
         if (!r.issuer->authentication_data.empty())
             Field(out, "Auth. data (91)", Hex(r.issuer->authentication_data));

@@ -61,7 +61,7 @@ std::filesystem::path ProfileOf(const Field &f, const std::string &kind) {
 Scenario LoadScenario(const std::filesystem::path &path) {
     const Field root(velk::card::LoadJsonFileWithBase(path, {"card", "terminal"}));
     root.OnlyKeys({"name", "description", "card", "terminal", "amount", "other_amount", "type",
-                   "date", "time", "issuer", "faults", "seed", "expect", "pending"});
+                   "date", "time", "issuer", "faults", "seed", "expect", "needs"});
     Scenario s;
     s.file = path;
     s.name = root["name"].String();
@@ -100,10 +100,19 @@ Scenario LoadScenario(const std::filesystem::path &path) {
     if (auto seed = root.Optional("seed")) s.seed = static_cast<uint64_t>(seed->Int(0, INT64_MAX));
     const Field expect = root["expect"];
     expect.OnlyKeys({"result", "outcome", "outcomes", "start", "cvm", "message", "online",
-                     "kernel_status", "restarts", "selected", "data_record", "completed"});
+                     "kernel_status", "restarts", "selected", "data_record", "discretionary",
+                     "completed"});
     s.expect = expect.Raw();
-    if (auto p = root.Optional("pending")) s.pending = p->String();
+    if (auto needs = root.Optional("needs"))
+        for (const Field &n : needs->Elements())
+            s.needs.push_back(n.String());
     return s;
+}
+
+bool IsPending(const Scenario &s, const PendingNeeds &pending) {
+    return std::any_of(s.needs.begin(), s.needs.end(), [&](const std::string &n) {
+        return std::find(pending.begin(), pending.end(), n) != pending.end();
+    });
 }
 
 namespace {
@@ -155,16 +164,18 @@ std::vector<std::string> CheckExpectations(const Json &expect, const Transaction
             Compare(out, key, want, r.restarts);
         } else if (key == "selected") {
             Compare(out, key, want, r.aid ? velk::host::ToHex(*r.aid) : "none");
-        } else if (key == "data_record") {
+        } else if (key == "data_record" || key == "discretionary") {
             std::vector<velk::host::TlvNode> nodes;
             try {
-                if (last) nodes = velk::card::ParseTlvData(last->data_record);
+                if (last)
+                    nodes = velk::card::ParseTlvData(key == "data_record" ? last->data_record
+                                                                          : last->discretionary);
             } catch (const std::invalid_argument &) {
             }
             for (const auto &[tag_text, value] : want.items()) {
                 const auto tag = velk::card::ParseTagText(tag_text);
                 const auto *n = tag ? velk::host::Find(nodes, *tag) : nullptr;
-                Compare(out, "data_record." + tag_text, value,
+                Compare(out, key + "." + tag_text, value,
                         n ? velk::host::ToHex(n->value) : "absent");
             }
         }
@@ -192,7 +203,8 @@ const char *VerdictName(Verdict v) {
     return "?";
 }
 
-ScenarioResult RunScenario(const std::filesystem::path &file, const std::string &lib) {
+ScenarioResult RunScenario(const std::filesystem::path &file, const std::string &lib,
+                           const PendingNeeds &pending) {
     ScenarioResult out;
     out.file = file.filename().string();
     try {
@@ -216,9 +228,15 @@ ScenarioResult RunScenario(const std::filesystem::path &file, const std::string 
         out.result = report.result;
         out.details = CheckExpectations(s.expect, report);
         const bool passed = out.details.empty();
-        out.verdict = s.pending.empty() ? (passed ? Verdict::kPass : Verdict::kFail)
-                                        : (passed ? Verdict::kPendingPass : Verdict::kPendingFail);
-        if (!s.pending.empty()) out.details.insert(out.details.begin(), "pending: " + s.pending);
+        const bool is_pending = IsPending(s, pending);
+        out.verdict = !is_pending ? (passed ? Verdict::kPass : Verdict::kFail)
+                                  : (passed ? Verdict::kPendingPass : Verdict::kPendingFail);
+        if (is_pending) {
+            std::string needs;
+            for (const std::string &n : s.needs)
+                needs += (needs.empty() ? "" : ", ") + n;
+            out.details.insert(out.details.begin(), "pending: needs " + needs);
+        }
     } catch (const std::exception &e) {
         out.verdict = Verdict::kError;
         out.details = {e.what()};
@@ -246,19 +264,18 @@ ScenarioResult ResultFromJson(const Json &j) {
     return r;
 }
 
-// Is the scenario marked pending? Read without failing: a broken file is
-// reported by the child.
-bool Pending(const std::filesystem::path &file) {
+// Is the scenario pending in this run? Read without failing: a broken file
+// is reported by the child.
+bool Pending(const std::filesystem::path &file, const PendingNeeds &pending) {
     try {
-        const auto f = velk::card::LoadJsonFile(file);
-        return f->doc.is_object() && f->doc.contains("pending");
+        return IsPending(LoadScenario(file), pending);
     } catch (const std::exception &) {
         return false;
     }
 }
 
 ScenarioResult RunInChild(const std::filesystem::path &file, const std::string &lib,
-                          std::chrono::seconds timeout) {
+                          std::chrono::seconds timeout, const PendingNeeds &pending) {
     ScenarioResult failed;
     failed.file = file.filename().string();
     int fds[2];
@@ -275,7 +292,7 @@ ScenarioResult RunInChild(const std::filesystem::path &file, const std::string &
     }
     if (pid == 0) {
         close(fds[0]);
-        const std::string text = ResultJson(RunScenario(file, lib)).dump();
+        const std::string text = ResultJson(RunScenario(file, lib, pending)).dump();
         size_t sent = 0;
         while (sent < text.size()) {
             const ssize_t w = write(fds[1], text.data() + sent, text.size() - sent);
@@ -310,14 +327,14 @@ ScenarioResult RunInChild(const std::filesystem::path &file, const std::string &
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-    const bool pending = Pending(file);
+    const bool is_pending = Pending(file, pending);
     if (timed_out) {
-        failed.verdict = pending ? Verdict::kPendingFail : Verdict::kTimeout;
+        failed.verdict = is_pending ? Verdict::kPendingFail : Verdict::kTimeout;
         failed.details = {"no result within " + std::to_string(timeout.count()) + " s (killed)"};
         return failed;
     }
     if (WIFSIGNALED(status) || text.empty()) {
-        failed.verdict = pending ? Verdict::kPendingFail : Verdict::kCrash;
+        failed.verdict = is_pending ? Verdict::kPendingFail : Verdict::kCrash;
         failed.details = {WIFSIGNALED(status)
                               ? std::string("killed by signal ") + strsignal(WTERMSIG(status))
                               : "exited with status " + std::to_string(WEXITSTATUS(status)) +
@@ -335,8 +352,8 @@ ScenarioResult RunInChild(const std::filesystem::path &file, const std::string &
 }  // namespace
 
 std::vector<ScenarioResult> RunScenarioFolder(const std::filesystem::path &dir,
-                                              const std::string &lib,
-                                              std::chrono::seconds timeout) {
+                                              const std::string &lib, std::chrono::seconds timeout,
+                                              const PendingNeeds &pending) {
     std::vector<std::filesystem::path> files;
     for (const auto &entry : std::filesystem::directory_iterator(dir))
         if (entry.is_regular_file() && entry.path().extension() == ".json")
@@ -344,7 +361,7 @@ std::vector<ScenarioResult> RunScenarioFolder(const std::filesystem::path &dir,
     std::sort(files.begin(), files.end());
     std::vector<ScenarioResult> results;
     for (const auto &f : files)
-        results.push_back(RunInChild(f, lib, timeout));
+        results.push_back(RunInChild(f, lib, timeout, pending));
     return results;
 }
 

@@ -281,6 +281,15 @@ void Explain(TransactionReport &r) {
         if (it->data_record.empty()) continue;
         try {
             const auto nodes = velk::card::ParseTlvData(it->data_record);
+            // The card's cryptogram is turned into a decline after GENERATE
+            // AC when SDA or CDA fails at its check; that sets no TVR bit, so
+            // only the two CIDs tell.
+            const auto *cid = velk::host::Find(nodes, 0x9F27);
+            if (!gacs.empty() && gacs.back().cid && cid && cid->value.size() == 1 &&
+                (cid->value[0] & 0xC0) == 0x00 && (*gacs.back().cid & 0xC0) != 0x00)
+                why.push_back(
+                    "The card's cryptogram became an AAC (decline) after GENERATE AC: offline "
+                    "data authentication (SDA or CDA) failed at its check.");
             if (const auto *tvr = velk::host::Find(nodes, 0x95)) {
                 const auto bits = ExplainTvr(tvr->value);
                 if (bits.size() == 1 && bits[0] == "no bit set")
