@@ -168,9 +168,9 @@ TEST(ProfileErrors, TerminalProfilesAndTheirFiles) {
                   "this field");
 }
 
-TEST(ProfileErrors, ScenariosNameTheirBadFault) {
+TEST(ProfileErrors, ScenariosNameTheirBadFieldCardOrFault) {
     TempDir dir;
-    const auto s = dir.Write("s.json", R"({"name": "x", "card": "c.json", "terminal": "t.json",
+    const auto s = dir.Write("s.json", R"({"name": "x", "card": "offline-cda", "terminal": "pos",
         "faults": ["tear@gac9"], "expect": {}})");
     EXPECT_EQ(ErrorOf([&] { LoadScenario(s); }),
               s.string() +
@@ -179,8 +179,12 @@ TEST(ProfileErrors, ScenariosNameTheirBadFault) {
                   "gac2, echo, script, any)");
     const auto e = dir.Write(
         "e.json",
-        R"({"name": "x", "card": "c.json", "terminal": "t.json", "expect": {"outcom": "X"}})");
+        R"({"name": "x", "card": "offline-cda", "terminal": "pos", "expect": {"outcom": "X"}})");
     EXPECT_NE(ErrorOf([&] { LoadScenario(e); }).find("unknown field 'outcom'"), std::string::npos);
+    // Neither a file beside the scenario nor a bundled card.
+    const auto c = dir.Write("c.json", R"({"name": "x", "card": "nocard", "terminal": "pos"})");
+    EXPECT_EQ(ErrorOf([&] { LoadScenario(c); }).rfind(c.string() + ": field card: nocard: no such file, and no bundled cards profile", 0), 0u)
+        << ErrorOf([&] { LoadScenario(c); });
 }
 
 TEST(BundledProfiles, EveryCardTerminalAndScenarioLoads) {

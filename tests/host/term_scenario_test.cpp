@@ -91,11 +91,11 @@ TEST(Scenarios, AFolderRunsEachScenarioInItsOwnProcess) {
                                  R"(/pos.json", "expect": {}})");
     dir.Write("b-broken.json", R"({"name": )");
     dir.Write("c-pending.json", R"({"name": "later", "card": ")" + cards +
-                                    R"(/none.json", "terminal": ")" + terminals +
-                                    R"(/pos.json", "expect": {}, "pending": "not yet"})");
+                                    R"(/none.json", "terminal": "pos", "expect": {},
+                                    "needs": ["second-entry"]})");
     dir.Write("notes.txt", "not a scenario");
-    const auto results =
-        RunScenarioFolder(dir.Path(), "/nonexistent/libvelk.so.1", std::chrono::seconds(30));
+    const auto results = RunScenarioFolder(dir.Path(), "/nonexistent/libvelk.so.1",
+                                           std::chrono::seconds(30), {"second-entry"});
     ASSERT_EQ(results.size(), 3u);
     EXPECT_EQ(results[0].file, "a-good.json");
     EXPECT_EQ(results[0].verdict, Verdict::kError);  // the kernel library cannot be loaded

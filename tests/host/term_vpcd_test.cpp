@@ -41,6 +41,9 @@ TEST(Vpcd, ControlCodesAndApdus) {
     EXPECT_EQ(velk::card::StatusWord(client.Answer(Select(FromHex("F056454C4B1010")))), 0x6F00);
     EXPECT_EQ(client.Answer(Bytes{0x01}), Bytes{});  // power on
     EXPECT_EQ(velk::card::StatusWord(client.Answer(Select(FromHex("F056454C4B1010")))), 0x9000);
+    // pcscd polls the ATR during a transaction: the card keeps its state.
+    EXPECT_EQ(client.Answer(Bytes{0x04}), card.Profile().atr);
+    EXPECT_EQ(velk::card::StatusWord(client.Answer(FromHex("80CA9F3600"))), 0x9000);
     EXPECT_EQ(client.Answer(Bytes{0x02}), Bytes{});  // reset
     EXPECT_EQ(client.Answer(Bytes{0x03}), Bytes{});  // not a code the driver sends
     card.SetPresent(false);

@@ -108,16 +108,23 @@ Bytes VpcdClient::Answer(const Bytes &message) {
         switch (message[0]) {
             case 0:
                 card_.PowerOff();
+                powered_ = false;
                 return {};
             case 1:
-                (void)card_.PowerOn();
+                atr_ = card_.PowerOn();
+                powered_ = true;
                 return {};
             case 2:
                 card_.PowerOff();
-                (void)card_.PowerOn();
+                atr_ = card_.PowerOn();
+                powered_ = true;
                 return {};
             case 4:
-                return card_.PowerOn();
+                if (!powered_) {
+                    atr_ = card_.PowerOn();
+                    powered_ = true;
+                }
+                return atr_;
             default:
                 return {};  // codes this driver version does not send
         }

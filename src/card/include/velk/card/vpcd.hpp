@@ -57,6 +57,11 @@ private:
     std::string host_;
     uint16_t port_;
     Socket socket_;
+    // The driver asks for the ATR whenever pcscd polls for the card, also in
+    // the middle of a transaction: only a card that is not powered yet is
+    // powered on for it, so polling never resets the card's state.
+    bool powered_ = false;
+    Bytes atr_;
 };
 
 // Reads one length-prefixed message; false when the peer closed the
