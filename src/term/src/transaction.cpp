@@ -237,6 +237,57 @@ std::vector<GacSeen> GenerateAcs(const Trace &trace) {
     return out;
 }
 
+std::string CommandWords(velk::card::CommandKind kind) {
+    using K = velk::card::CommandKind;
+    switch (kind) {
+        case K::kSelectPpse:
+            return "SELECT of the PPSE";
+        case K::kSelect:
+            return "SELECT";
+        case K::kGpo:
+            return "GET PROCESSING OPTIONS";
+        case K::kReadRecord:
+            return "READ RECORD";
+        case K::kGetData:
+            return "GET DATA";
+        case K::kPutData:
+            return "PUT DATA";
+        case K::kInternalAuthenticate:
+            return "INTERNAL AUTHENTICATE";
+        case K::kGenerateAc:
+            return "GENERATE AC";
+        case K::kEcho:
+            return "ECHO";
+        case K::kScript:
+            return "an issuer script command";
+        case K::kOther:
+            break;
+    }
+    return "a command";
+}
+
+// The kernel's last exchange with the card in an entry: what the card said
+// just before an outcome that ended the application.
+std::string LastExchange(const Trace &trace, int entry) {
+    const TraceEvent *last = nullptr;
+    for (const TraceEvent &e : trace.Events())
+        if (e.type == TraceEvent::Type::kApdu && e.entry == entry) last = &e;
+    if (last == nullptr) return {};
+    const std::string what = "The last exchange with the card: " +
+                             CommandWords(velk::card::Classify(last->first));
+    if (last->second.size() < 2) return what + " got no response (" + last->text + ").";
+    const uint16_t sw = velk::card::StatusWord(last->second);
+    std::string s = what + " answered SW " + ToHex(Bytes{static_cast<uint8_t>(sw >> 8)}) + " " +
+                    ToHex(Bytes{static_cast<uint8_t>(sw)});
+    const auto data = velk::card::ResponseData(last->second);
+    try {
+        (void)velk::card::ParseTlvData(data);
+    } catch (const std::invalid_argument &e) {
+        s += std::string(", with data that is not well-formed TLV (") + e.what() + ")";
+    }
+    return s + ".";
+}
+
 std::string CryptogramWords(uint8_t type) {
     return type == 0x40   ? "a TC (offline approval)"
            : type == 0x80 ? "an ARQC (online authorisation)"
@@ -317,9 +368,11 @@ void Explain(TransactionReport &r) {
     }
     switch (o.status) {
         case 0x50:
+            // The kernel ends a transaction on an error with this very
+            // outcome, so it says no more than that the application is over.
             why.push_back(
-                "Select Next: the kernel refused this application and no other candidate was "
-                "left.");
+                "Select Next: the kernel ended this application (it does so on an error in the "
+                "card's data or responses as well) and no other candidate was left.");
             break;
         case 0x60:
             why.push_back(
@@ -332,6 +385,11 @@ void Explain(TransactionReport &r) {
             break;
         default:
             break;
+    }
+    if (o.status >= 0x40) {
+        if (const std::string last_exchange = LastExchange(r.trace, last.number);
+            !last_exchange.empty())
+            why.push_back(last_exchange);
     }
 }
 
