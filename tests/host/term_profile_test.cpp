@@ -183,7 +183,11 @@ TEST(ProfileErrors, ScenariosNameTheirBadFieldCardOrFault) {
     EXPECT_NE(ErrorOf([&] { LoadScenario(e); }).find("unknown field 'outcom'"), std::string::npos);
     // Neither a file beside the scenario nor a bundled card.
     const auto c = dir.Write("c.json", R"({"name": "x", "card": "nocard", "terminal": "pos"})");
-    EXPECT_EQ(ErrorOf([&] { LoadScenario(c); }).rfind(c.string() + ": field card: nocard: no such file, and no bundled cards profile", 0), 0u)
+    EXPECT_EQ(
+        ErrorOf([&] { LoadScenario(c); })
+            .rfind(c.string() + ": field card: nocard: no such file, and no bundled cards profile",
+                   0),
+        0u)
         << ErrorOf([&] { LoadScenario(c); });
 }
 

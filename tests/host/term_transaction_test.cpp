@@ -1,6 +1,7 @@
 // Whole transactions as velk-term runs them, against a stand-in kernel that
 // plays the kernel's part: the inputs of both entries, the signals, the
-// Select Next loop, the online flows and what is reported.
+// online flows and what is reported. (Select Next and the plain online
+// request run against the real kernel in the scenario folder.)
 #include <gtest/gtest.h>
 
 #include "term/fake_kernel.hpp"
@@ -81,35 +82,6 @@ TEST_F(TransactionTest, TheFirstTapGetsTheSelectResponseAndTheTransactionData) {
     EXPECT_EQ(velk::host::ToHex(*r.aid), "F056454C4B1010");
 }
 
-TEST_F(TransactionTest, SelectNextOffersTheNextCandidateWithItsOwnSelectResponse) {
-    std::vector<Bytes> fcis;
-    const auto take = [&] {
-        const auto s = kernel().TakeSignal();
-        if (s) fcis.push_back(s->data);
-    };
-    kernel().programs.push_back([&](const Bytes &) {
-        take();
-        return Outcome(0x50);
-    });
-    kernel().programs.push_back([&](const Bytes &) {
-        take();
-        return Outcome(0x10);
-    });
-    const TransactionReport r = Run("two-apps");
-    ASSERT_EQ(r.entries.size(), 2u);
-    ASSERT_EQ(fcis.size(), 2u);
-    EXPECT_NE(fcis[0], fcis[1]);
-    EXPECT_EQ(velk::host::ToHex(*r.aid), "F056454C4B1010");
-    EXPECT_EQ(r.result, "APPROVED");
-}
-
-TEST_F(TransactionTest, ASelectNextWithNoCandidateLeftEndsThere) {
-    kernel().programs.push_back([](const Bytes &) { return Outcome(0x50); });
-    const TransactionReport r = Run("offline-cda");
-    EXPECT_EQ(r.entries.size(), 1u);
-    EXPECT_EQ(r.result, "SELECT NEXT");
-}
-
 // An APDU sent to the card through the host, as the kernel sends it.
 Bytes CardExchange(const Bytes &apdu) {
     return FakeKernel::ReplyValue(FakeKernel::Instance().Call(0xF1, Tlv(0xDF01, apdu)), 0xDF03)
@@ -176,15 +148,6 @@ TEST_F(TransactionTest, OnlineTapSelectsTheCardAgainAndPassesItsFci) {
                    velk::card::Classify(e.first) == velk::card::CommandKind::kSelect;
     EXPECT_EQ(selects, 2u);
     EXPECT_EQ(r.result, "DECLINED");
-}
-
-TEST_F(TransactionTest, APlainOnlineRequestIsCompletedByTheHostWithoutASecondEntry) {
-    kernel().programs.push_back([](const Bytes &) { return Outcome(0x30); });
-    options_.issuer = IssuerConfig::FromDecision("51");
-    const TransactionReport r = Run("online-cda");
-    EXPECT_EQ(kernel().inputs.size(), 1u);
-    EXPECT_EQ(r.online_flow, "online request");
-    EXPECT_EQ(r.result, "ONLINE REQUEST, DECLINED by the issuer");
 }
 
 TEST_F(TransactionTest, WithoutAnOutcomeTheReportSaysSo) {

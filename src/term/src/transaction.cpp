@@ -273,8 +273,8 @@ std::string LastExchange(const Trace &trace, int entry) {
     for (const TraceEvent &e : trace.Events())
         if (e.type == TraceEvent::Type::kApdu && e.entry == entry) last = &e;
     if (last == nullptr) return {};
-    const std::string what = "The last exchange with the card: " +
-                             CommandWords(velk::card::Classify(last->first));
+    const std::string what =
+        "The last exchange with the card: " + CommandWords(velk::card::Classify(last->first));
     if (last->second.size() < 2) return what + " got no response (" + last->text + ").";
     const uint16_t sw = velk::card::StatusWord(last->second);
     std::string s = what + " answered SW " + ToHex(Bytes{static_cast<uint8_t>(sw >> 8)}) + " " +
