@@ -66,7 +66,7 @@ void PrintEntry(std::ostream &out, const KernelEntry &e) {
     Field(out, "Field off", FieldOffName(o.field_off));
     Field(out, "Removal time-out", std::to_string(o.removal_timeout));
     if (e.ui) Field(out, "Message", DescribeUiRequest(*e.ui));
-    if (e.ui_restart) Field(out, "Message on restart", DescribeUiRequest(*e.ui_restart));
+    if (e.ui_restart) Field(out, "Restart message", DescribeUiRequest(*e.ui_restart));
     PrintBlock(out, "Data record (FF8105)", e.data_record);
     PrintBlock(out, "Discretionary data (FF8106)", e.discretionary);
 }

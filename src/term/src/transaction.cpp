@@ -327,6 +327,13 @@ void Explain(TransactionReport &r) {
             s += "; the card answered " + ExplainCid(Bytes{*g.cid});
         why.push_back(s + ".");
     }
+    for (const TraceEvent &e : r.trace.Events())
+        if (e.type == TraceEvent::Type::kApdu &&
+            velk::card::Classify(e.first) == velk::card::CommandKind::kEcho &&
+            velk::card::StatusWord(e.second) == 0x9000)
+            why.push_back(
+                "ECHO: the card gave back the response of the GENERATE AC that was torn, so the "
+                "transaction went on from there.");
     // The TVR of the last data record says what the terminal found wrong.
     for (auto it = r.entries.rbegin(); it != r.entries.rend(); ++it) {
         if (it->data_record.empty()) continue;
