@@ -132,12 +132,16 @@ packages_stage() {
   "$work/consumer/consumer_shared" && "$work/consumer/consumer_static"
 
   if [ -n "$term_deb" ]; then
-    scenario=$(find /usr/share/velk-term/profiles -path '*scenario*' -name '*.json' | sort | head -n 1)
-    [ -n "$scenario" ] || { echo "FAIL: velk-term is packaged without a scenario"; exit 1; }
-    mkdir -p "$work/scenario" && cp "$scenario" "$work/scenario/"
-    echo "velk-term run: $scenario"
-    VELK_PROFILES=/usr/share/velk-term/profiles velk-term run "$work/scenario" \
-      --lib "$(ls /usr/lib/*/libvelk.so.1)"
+    # The installed scenarios that need no more than the first tap, copied
+    # elsewhere: they name their card and terminal as bundled profiles, which
+    # the installed velk-term finds beside itself (share/velk-term/profiles)
+    # and the installed library in its lib directory.
+    scenarios=$(grep -L '"needs"' /usr/share/velk-term/profiles/scenarios/*.json || true)
+    [ -n "$scenarios" ] || { echo "FAIL: velk-term is packaged without a scenario"; exit 1; }
+    mkdir -p "$work/scenarios"
+    # shellcheck disable=SC2086
+    cp $scenarios "$work/scenarios/"
+    (cd "$work" && velk-term run scenarios)
   fi
 
   banner "packages: remove"

@@ -1,0 +1,51 @@
+#include "velk/term/profiles.hpp"
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace velk::term {
+
+std::filesystem::path ProfilesDir() {
+    if (const char *env = std::getenv("VELK_PROFILES"); env != nullptr && *env != '\0') return env;
+    std::error_code ec;
+    const auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
+    if (!ec) {
+        const auto installed = exe.parent_path() / VELK_INSTALLED_PROFILES;
+        if (std::filesystem::is_directory(installed, ec)) return installed.lexically_normal();
+    }
+#ifdef VELK_SOURCE_PROFILES
+    return VELK_SOURCE_PROFILES;
+#else
+    return "profiles";
+#endif
+}
+
+std::filesystem::path ResolveProfile(const std::string &name, const std::string &kind) {
+    std::error_code ec;
+    if (std::filesystem::is_regular_file(name, ec)) return name;
+    const std::filesystem::path dir = ProfilesDir() / kind;
+    for (const std::string &candidate : {name, name + ".json"}) {
+        const auto p = dir / candidate;
+        if (std::filesystem::is_regular_file(p, ec)) return p;
+    }
+    std::string known;
+    if (std::filesystem::is_directory(dir, ec))
+        for (const auto &e : std::filesystem::directory_iterator(dir, ec))
+            if (e.path().extension() == ".json")
+                known += (known.empty() ? "" : ", ") + e.path().stem().string();
+    throw velk::card::ProfileError(name + ": no such file, and no bundled " + kind +
+                                   " profile of that name" +
+                                   (known.empty() ? "" : " (bundled: " + known + ")"));
+}
+
+SecretsLookup SecretsOf(const velk::card::VirtualCard &card) {
+    return [&card](const Bytes &pan) -> std::optional<CardSecrets> {
+        for (const velk::card::Application &app : card.Profile().applications) {
+            const auto mine = app.RecordValue(0x5A);
+            if (mine && *mine == pan) return CardSecrets{app.key, app.cdol1};
+        }
+        return std::nullopt;
+    };
+}
+
+}  // namespace velk::term
