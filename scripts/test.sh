@@ -29,6 +29,8 @@ JOBS=${JOBS:-$(nproc)}
 STAGES=${*:-native packages asan tsan armhf lint fuzz}
 FUZZ_SECONDS=${FUZZ_SECONDS:-40}
 
+SUMMARY=
+LAST_CTEST=
 banner() { printf '\n==== %s ====\n' "$*"; }
 
 # Builds quietly; on failure shows the end of the log.
@@ -44,8 +46,15 @@ configure_and_test() { # name, ctest args, cmake args...
   cmake -S "$ROOT" -B "$ROOT/build-$name" -G Ninja "$@" >/dev/null
   build "$ROOT/build-$name"
   banner "$name: tests"
+  log=$ROOT/build-$name/ctest.log
   # shellcheck disable=SC2086
-  (cd "$ROOT/build-$name" && ctest --output-on-failure -j "$JOBS" $ctest_args)
+  if ! (cd "$ROOT/build-$name" && ctest --output-on-failure -j "$JOBS" $ctest_args) >"$log" 2>&1; then
+    grep -v ' Passed ' "$log" | tail -n 300
+    echo "tests failed in $name" >&2; exit 1
+  fi
+  sed -n '/tests passed/,$p' "$log"
+  SUMMARY="$SUMMARY$(printf '\n%-8s %s' "$name:" "$(grep 'tests passed' "$log")")"
+  [ -n "$LAST_CTEST" ] || LAST_CTEST=$log
 }
 
 # The files a package must hold, as extended regular expressions over the
@@ -192,3 +201,6 @@ for stage in $STAGES; do
   esac
 done
 banner "all stages passed: $STAGES"
+printf '%s\n' "${SUMMARY#?}"
+# The test runner's closing lines of the first test stage (native), as the last output.
+if [ -n "$LAST_CTEST" ]; then echo; sed -n '/tests passed/,$p' "$LAST_CTEST"; fi
