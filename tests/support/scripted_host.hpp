@@ -86,9 +86,9 @@ public:
     ScriptedHost &operator=(const ScriptedHost &) = delete;
 
     // ---- Configuration --------------------------------------------------------
-    std::vector<Bytes> ics;                                       // D1: the reply's children
-    std::vector<Bytes> aidParams;                                 // D3: the reply's children
-    std::vector<Bytes> context;                                   // A3: the reply's children
+    std::vector<Bytes> ics;        // D1: the reply's children
+    std::vector<Bytes> aidParams;  // D3: the reply's children
+    std::vector<Bytes> context;    // A3: the reply's children; A2 replaces them with 7F15's
     Bytes unpredictableNumber = velk::host::FromHex("11223344");  // D5: 9F37
     uint8_t cardActiveSignal = kCardPresentSignal;                // D6
     std::vector<CardExchange> card;                               // F1, in order
@@ -101,6 +101,7 @@ public:
     std::vector<Bytes> capdus;      // every C-APDU, in order
     std::vector<Bytes> uirds;       // every D7 display request's DF8116
     int powerOffs = 0;              // DF requests
+    std::vector<Bytes> restarts;    // FE requests: the outcome packet 7F01 without DF00
     std::vector<uint8_t> Commands() const;
     std::vector<Message> MessagesFor(uint8_t command) const;
 
