@@ -19,13 +19,6 @@ Bytes T(uint32_t tag, std::string_view hex) {
     return Tlv(tag, FromHex(hex));
 }
 
-Bytes Constructed(uint32_t tag, const std::vector<Bytes> &children) {
-    Bytes value;
-    for (const Bytes &child : children)
-        value.insert(value.end(), child.begin(), child.end());
-    return Tlv(tag, value);
-}
-
 void Append(std::vector<Bytes> &to, const std::vector<Bytes> &more) {
     to.insert(to.end(), more.begin(), more.end());
 }
@@ -100,6 +93,11 @@ Bytes Card::GacResponse() const {
     std::vector<Bytes> children = {T(0x9F27, cid), T(0x9F36, atc), T(0x9F26, ac), T(0x9F10, iad)};
     Append(children, gacExtra);
     return With9000(Constructed(0x77, children));
+}
+
+Bytes Card::SecondGacResponse(std::string_view secondCid) const {
+    return With9000(
+        Constructed(0x77, {T(0x9F27, secondCid), T(0x9F36, atc2), T(0x9F26, ac2), T(0x9F10, iad)}));
 }
 
 Bytes DolData(std::string_view dolHex, const std::map<uint32_t, Bytes> &values) {

@@ -104,6 +104,11 @@ struct Card {
     Bytes GpoResponse() const;  // with 9000
     std::vector<Bytes> Records() const;
     Bytes GacResponse() const;  // with 9000
+
+    // The second GENERATE AC response's own data objects.
+    std::string atc2 = "0002";
+    std::string ac2 = "8877665544332211";
+    Bytes SecondGacResponse(std::string_view cid) const;  // with 9000
 };
 
 // The issuer's response as the host passes it on the second entry of an

@@ -25,13 +25,6 @@ Bytes Tlv(uint32_t tag, const Bytes &value) {
     return velk::host::Tlv(tag, value);
 }
 
-Bytes Constructed(uint32_t tag, const std::vector<Bytes> &children) {
-    Bytes value;
-    for (const Bytes &child : children)
-        value.insert(value.end(), child.begin(), child.end());
-    return Tlv(tag, value);
-}
-
 // The request as the host reads it: 7F01 { DF00 = command, payload... }, or,
 // for the restart message, the outcome packet with DF00 as its last child.
 std::optional<Message> ParseRequest(const uint8_t *buffer, uint32_t len) {
@@ -301,6 +294,13 @@ Bytes TransactionInput(const std::vector<Bytes> &params, std::optional<uint8_t> 
 
 Bytes Fci(const Bytes &aid, const std::vector<Bytes> &a5) {
     return Constructed(0x6F, {Tlv(0x84, aid), Constructed(0xA5, a5)});
+}
+
+Bytes Constructed(uint32_t tag, const std::vector<Bytes> &children) {
+    Bytes value;
+    for (const Bytes &child : children)
+        value.insert(value.end(), child.begin(), child.end());
+    return Tlv(tag, value);
 }
 
 Bytes With9000(const Bytes &data) {

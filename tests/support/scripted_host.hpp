@@ -154,6 +154,8 @@ std::string HexDiff(const Bytes &expected, const Bytes &actual);
 Bytes TransactionInput(const std::vector<Bytes> &params, std::optional<uint8_t> kernelId = {});
 // 6F { 84 aid, A5 { a5 } }.
 Bytes Fci(const Bytes &aid, const std::vector<Bytes> &a5 = {});
+// A constructed element whose value is the children's encodings in order.
+Bytes Constructed(uint32_t tag, const std::vector<Bytes> &children);
 // The bytes followed by the status word 90 00.
 Bytes With9000(const Bytes &data);
 

@@ -12,6 +12,7 @@
 #include "first_tap.hpp"
 #include "named_case.hpp"
 #include "scripted_host.hpp"
+#include "transaction_data.hpp"
 
 namespace velk::test {
 namespace {
@@ -30,17 +31,6 @@ constexpr char kCommunicationError[] = "7010F0F0C0F01300";
 constexpr char kEndApplication[] = "40F0F0F080F0FF00";
 constexpr char kCancelled[] = "40F0F0F080F0FF00";
 
-Bytes T(uint32_t tag, std::string_view hex) {
-    return Tlv(tag, FromHex(hex));
-}
-
-Bytes Constructed(uint32_t tag, const std::vector<Bytes> &children) {
-    Bytes value;
-    for (const Bytes &c : children)
-        value.insert(value.end(), c.begin(), c.end());
-    return Tlv(tag, value);
-}
-
 // An ARQC on a reader that supports the online tap (capability 0x280, option
 // 02, C5 bit 08 from the card) or the long tap (capability 0x210, option 04);
 // both allow the restart after online (04 and 02).
@@ -53,11 +43,6 @@ FirstTap OnlineFirstTap(bool onlineTap) {
     tap.card.cid = "80";
     if (onlineTap) tap.card.gacExtra = {T(0xC5, "08")};
     return tap;
-}
-
-Bytes SecondGacResponse(std::string_view cid) {
-    return With9000(Constructed(0x77, {T(0x9F27, cid), T(0x9F36, "0002"),
-                                       T(0x9F26, "8877665544332211"), T(0x9F10, "0110")}));
 }
 
 std::string RecordValue(const OutcomePacket &p, uint32_t tag) {
@@ -122,14 +107,22 @@ INSTANTIATE_TEST_SUITE_P(
 
 struct SecondEntryCase : NamedCase {
     IssuerResponse response;
-    std::vector<CardExchange> (*card)(const FirstTap &tap, const IssuerResponse &r);
+    int p1;              // of the second GENERATE AC; -1: none is sent
+    const char *answer;  // the card's CID ("40"), or its whole R-APDU in hex
+    uint8_t signal;      // else the exchange breaks off with this signal
+    uint32_t failure;    // else the callback fails with this
     const char *ops;
     uint32_t status = 0;
 };
 
-std::vector<CardExchange> Answers(const FirstTap &tap, const IssuerResponse &r, uint8_t p1,
-                                  const Bytes &rapdu) {
-    return {Respond(tap.SecondGacCommand(p1, r), rapdu)};
+std::vector<CardExchange> CardFor(const SecondEntryCase &c, const FirstTap &tap) {
+    if (c.p1 < 0) return {};
+    const Bytes cmd = tap.SecondGacCommand(static_cast<uint8_t>(c.p1), c.response);
+    if (c.signal != 0) return {SignalInstead(cmd, c.signal)};
+    if (c.failure != 0) return {FailCallback(cmd, c.failure)};
+    const std::string answer = c.answer;
+    return {
+        Respond(cmd, answer.size() == 2 ? tap.card.SecondGacResponse(answer) : FromHex(answer))};
 }
 
 IssuerResponse Declined() {
@@ -145,81 +138,44 @@ IssuerResponse No91() {
 
 std::vector<SecondEntryCase> SecondEntryCases() {
     return {
-        {{"ApprovedByIssuerAndCard"},
-         {},
-         [](const FirstTap &t, const IssuerResponse &r) {
-             return Answers(t, r, 0x40, SecondGacResponse("40"));
-         },
-         kOnlineApproved},
-        {{"DeclinedByIssuer"},
-         Declined(),
-         [](const FirstTap &t, const IssuerResponse &r) {
-             return Answers(t, r, 0x00, SecondGacResponse("00"));
-         },
-         kDeclinedWithRecord},
+        {{"ApprovedByIssuerAndCard"}, {}, 0x40, "40", 0, 0, kOnlineApproved},
+        {{"DeclinedByIssuer"}, Declined(), 0x00, "00", 0, 0, kDeclinedWithRecord},
+        // Inverted flag: declined as invalid, without the data record.
         {{"CardApprovesWhatTheIssuerDeclined"},
          Declined(),
-         [](const FirstTap &t, const IssuerResponse &r) {
-             return Answers(t, r, 0x00, SecondGacResponse("40"));
-         },
+         0x00,
+         "40",
+         0,
+         0,
          kDeclinedWithoutRecord},
-        {{"DeclinedByCard"},
-         {},
-         [](const FirstTap &t, const IssuerResponse &r) {
-             return Answers(t, r, 0x40, SecondGacResponse("00"));
-         },
-         kDeclinedWithRecord},
-        {{"No91NoSecondGenerateAc"},
-         No91(),
-         [](const FirstTap &, const IssuerResponse &) { return std::vector<CardExchange>{}; },
-         kErroneousReactivation},
-        {{"StatusWordOtherThan9000"},
-         {},
-         [](const FirstTap &t, const IssuerResponse &r) {
-             return Answers(t, r, 0x40, FromHex("6985"));
-         },
-         kErroneousReactivation},
+        {{"DeclinedByCard"}, {}, 0x40, "00", 0, 0, kDeclinedWithRecord},
+        {{"No91NoSecondGenerateAc"}, No91(), -1, "", 0, 0, kErroneousReactivation},
+        {{"StatusWordOtherThan9000"}, {}, 0x40, "6985", 0, 0, kErroneousReactivation},
         {{"FormatOneResponseIsInvalid"},
          {},
-         [](const FirstTap &t, const IssuerResponse &r) {
-             return Answers(t, r, 0x40, FromHex("800B40000288776655443322119000"));
-         },
+         0x40,
+         "800B40000288776655443322119000",
+         0,
+         0,
          kDeclinedWithoutRecord},
         {{"MissingApplicationCryptogram"},
          {},
-         [](const FirstTap &t, const IssuerResponse &r) {
-             return Answers(t, r, 0x40,
-                            With9000(Constructed(
-                                0x77, {T(0x9F27, "40"), T(0x9F36, "0002"), T(0x9F10, "01")})));
-         },
+         0x40,
+         "770D9F2701409F360200029F1001019000",
+         0,
+         0,
          kDeclinedWithoutRecord},
         // A CID of 40 stored before the faulty element approves nothing.
         {{"MalformedTemplateAfterATcIsInvalid"},
          {},
-         [](const FirstTap &t, const IssuerResponse &r) {
-             return Answers(t, r, 0x40, FromHex("770A9F2701409F36030000029000"));
-         },
+         0x40,
+         "770A9F2701409F36030000029000",
+         0,
+         0,
          kDeclinedWithoutRecord},
-        {{"TornWithoutEchoIsACommunicationError"},
-         {},
-         [](const FirstTap &t, const IssuerResponse &r) {
-             return std::vector<CardExchange>{SignalInstead(t.SecondGacCommand(0x40, r), 0xA5)};
-         },
-         kCommunicationError},
-        {{"StoppedByTheReader"},
-         {},
-         [](const FirstTap &t, const IssuerResponse &r) {
-             return std::vector<CardExchange>{SignalInstead(t.SecondGacCommand(0x40, r), 0xA1)};
-         },
-         kCancelled,
-         0x30101},
-        {{"CallbackFailureEndsTheApplication"},
-         {},
-         [](const FirstTap &t, const IssuerResponse &r) {
-             return std::vector<CardExchange>{FailCallback(t.SecondGacCommand(0x40, r), 0x31234)};
-         },
-         kEndApplication,
-         0x31234},
+        {{"TornWithoutEchoIsACommunicationError"}, {}, 0x40, "", 0xA5, 0, kCommunicationError},
+        {{"StoppedByTheReader"}, {}, 0x40, "", 0xA1, 0, kCancelled, 0x30101},
+        {{"CallbackFailureEndsTheApplication"}, {}, 0x40, "", 0, 0x31234, kEndApplication, 0x31234},
     };
 }
 
@@ -231,7 +187,7 @@ TEST_P(SecondEntry, EndsWithTheOutcomeOfTheIssuerAndTheCard) {
         ScriptedHost host;
         const FirstTap tap = OnlineFirstTap(onlineTap);
         ASSERT_EQ(tap.Run(host).ops[0], 0x30);
-        const TapResult r = tap.RunSecondEntry(host, c.response, c.card(tap, c.response));
+        const TapResult r = tap.RunSecondEntry(host, c.response, CardFor(c, tap));
         EXPECT_EQ(r.status, c.status) << onlineTap;
         EXPECT_EQ(ToHex(r.ops), c.ops) << onlineTap;
         EXPECT_TRUE(host.CardDone());
@@ -249,8 +205,9 @@ TEST(SecondEntry, ApprovedCarriesTheNewCryptogramAndTheApprovalMessage) {
     const FirstTap tap = OnlineFirstTap(true);
     tap.Run(host);
     const IssuerResponse response;
-    const TapResult r =
-        tap.RunSecondEntry(host, response, Answers(tap, response, 0x40, SecondGacResponse("40")));
+    const TapResult r = tap.RunSecondEntry(
+        host, response,
+        {Respond(tap.SecondGacCommand(0x40, response), tap.card.SecondGacResponse("40"))});
     // CDOL2 8A02 9505 9F3704: the issuer's 8A, the restored TVR and number.
     EXPECT_EQ(ToHex(host.capdus.back()),
               "80AE40000B"
@@ -289,12 +246,13 @@ TEST(SecondEntry, ScriptsBeforeAndAfterTheSecondGenerateAcReachTheResultsTvrAndT
     response.scripts = {
         Constructed(0x71, {T(0x9F18, "00000001"), T(0x86, "8418000000"), T(0x86, "841E000000")}),
         Constructed(0x72, {T(0x86, "04DA9F580101"), T(0x9F18, "00000002")})};
-    const TapResult r = tap.RunSecondEntry(
-        host, response,
-        {Respond(FromHex("8418000000"), FromHex("9000")),
-         Respond(FromHex("841E000000"), FromHex("6A82")),
-         Respond(tap.SecondGacCommand(0x40, response, "8000000020"), SecondGacResponse("40")),
-         Respond(FromHex("04DA9F580101"), FromHex("63C2"))});
+    const TapResult r =
+        tap.RunSecondEntry(host, response,
+                           {Respond(FromHex("8418000000"), FromHex("9000")),
+                            Respond(FromHex("841E000000"), FromHex("6A82")),
+                            Respond(tap.SecondGacCommand(0x40, response, "8000000020"),
+                                    tap.card.SecondGacResponse("40")),
+                            Respond(FromHex("04DA9F580101"), FromHex("63C2"))});
     EXPECT_EQ(ToHex(r.ops), kOnlineApproved);
     EXPECT_EQ(Db(0x9F8255), "1200000001");
     EXPECT_EQ(Db(0x9F8256), "2000000002");
@@ -394,7 +352,8 @@ TEST_P(RestoredContext, GivesADefinedSecondEntry) {
     const IssuerResponse response;
     std::vector<CardExchange> card;
     if (c.secondGac)
-        card = {Respond(tap.SecondGacCommand(0x40, response, c.tvr), SecondGacResponse("40"))};
+        card = {
+            Respond(tap.SecondGacCommand(0x40, response, c.tvr), tap.card.SecondGacResponse("40"))};
     const TapResult r = tap.RunSecondEntry(host, response, card);
     EXPECT_EQ(r.status, 0u);
     EXPECT_EQ(ToHex(r.ops), c.secondGac ? kOnlineApproved : kErroneousReactivation);

@@ -12,6 +12,7 @@
 #include "first_tap.hpp"
 #include "named_case.hpp"
 #include "scripted_host.hpp"
+#include "transaction_data.hpp"
 
 namespace velk::test {
 namespace {
@@ -25,17 +26,6 @@ constexpr char kCompletedOnError[] = "5020F0F000F0FF00";
 constexpr char kErroneousReactivation[] = "40F0F0F000F0FF00";
 constexpr char kCommunicationError[] = "7010F0F0C0F01300";
 constexpr char kCancelled[] = "40F0F0F080F0FF00";
-
-Bytes T(uint32_t tag, std::string_view hex) {
-    return Tlv(tag, FromHex(hex));
-}
-
-Bytes Constructed(uint32_t tag, const std::vector<Bytes> &children) {
-    Bytes value;
-    for (const Bytes &c : children)
-        value.insert(value.end(), c.begin(), c.end());
-    return Tlv(tag, value);
-}
 
 const Bytes kSelect = FromHex("00A4040007A000000003101000");
 const Bytes kEchoFirst = FromHex(
@@ -194,11 +184,6 @@ FirstTap EchoOnlineTap() {
     return tap;
 }
 
-Bytes SecondGacResponse() {
-    return With9000(Constructed(0x77, {T(0x9F27, "40"), T(0x9F36, "0002"),
-                                       T(0x9F26, "8877665544332211"), T(0x9F10, "0110")}));
-}
-
 struct SecondGacCase : NamedCase {
     std::vector<CardExchange> (*after)(const FirstTap &tap);
     const char *ops;
@@ -211,7 +196,7 @@ std::vector<SecondGacCase> SecondGacCases() {
         {{"EchoBringsTheResponse"},
          [](const FirstTap &t) {
              return std::vector<CardExchange>{Respond(kSelect, With9000(t.card.Fci())),
-                                              Respond(kEchoSecond, SecondGacResponse())};
+                                              Respond(kEchoSecond, t.card.SecondGacResponse("40"))};
          },
          kApproved},
         {{"EchoNot9000"},

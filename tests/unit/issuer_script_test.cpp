@@ -10,23 +10,13 @@
 #include "db_access.hpp"
 #include "named_case.hpp"
 #include "scripted_host.hpp"
+#include "transaction_data.hpp"
 
 namespace velk::test {
 namespace {
 
 using velk::host::FromHex;
 using velk::host::Tlv;
-
-Bytes T(uint32_t tag, std::string_view hex) {
-    return Tlv(tag, FromHex(hex));
-}
-
-Bytes Script(uint8_t kind, const std::vector<Bytes> &children) {
-    Bytes value;
-    for (const Bytes &c : children)
-        value.insert(value.end(), c.begin(), c.end());
-    return Tlv(kind, value);
-}
 
 struct ScriptCase : NamedCase {
     uint8_t kind;                    // 71 or 72
@@ -44,15 +34,17 @@ std::vector<ScriptCase> Cases() {
     std::vector<ScriptCase> cases = {
         {{"TwoCommandsWithIdentifier"},
          0x71,
-         {Script(0x71, {T(0x9F18, "11223344"), T(0x86, "8418000000"), T(0x86, "04DA9F580101")})},
+         {Constructed(0x71,
+                      {T(0x9F18, "11223344"), T(0x86, "8418000000"), T(0x86, "04DA9F580101")})},
          {Respond(kRead, FromHex("9000")), Respond(kWrite, FromHex("9000"))},
          0,
          "2011223344",
          0x00},
         {{"SecondCommandRefusedNextScriptStillRuns"},
          0x72,
-         {Script(0x72, {T(0x86, "8418000000"), T(0x86, "04DA9F580101"), T(0x9F18, "00000009")}),
-          Script(0x72, {T(0x86, "8418000000")})},
+         {Constructed(0x72,
+                      {T(0x86, "8418000000"), T(0x86, "04DA9F580101"), T(0x9F18, "00000009")}),
+          Constructed(0x72, {T(0x86, "8418000000")})},
          {Respond(kRead, FromHex("9000")), Respond(kWrite, FromHex("6A82")),
           Respond(kRead, FromHex("6281"))},
          0,
@@ -61,21 +53,21 @@ std::vector<ScriptCase> Cases() {
          0x10},
         {{"WarningIsSuccess"},
          0x72,
-         {Script(0x72, {T(0x86, "8418000000")})},
+         {Constructed(0x72, {T(0x86, "8418000000")})},
          {Respond(kRead, FromHex("63C2"))},
          0,
          "2000000000",
          0x00},
         {{"ResponseWithoutStatusWordFails"},
          0x72,
-         {Script(0x72, {T(0x86, "8418000000")})},
+         {Constructed(0x72, {T(0x86, "8418000000")})},
          {Respond(kRead, FromHex("90"))},
          0x35003,
          "1100000000",
          0x10},
         {{"CommunicationErrorIsAFailedCommand"},
          0x72,
-         {Script(0x72, {T(0x86, "8418000000")})},
+         {Constructed(0x72, {T(0x86, "8418000000")})},
          {SignalInstead(kRead, 0xA5)},
          0x30103,
          "1100000000",
@@ -83,35 +75,35 @@ std::vector<ScriptCase> Cases() {
         // Lc 04 with 10 bytes: nothing sent, the result stays as it was.
         {{"CommandLongerThanItsLc"},
          0x72,
-         {Script(0x72, {T(0x86, "00A4040004A0000000031010")})},
+         {Constructed(0x72, {T(0x86, "00A4040004A0000000031010")})},
          {},
          0x35004,
          "0000000000",
          0x10},
         {{"CommandShorterThanAHeader"},
          0x72,
-         {Script(0x72, {T(0x86, "84180000")})},
+         {Constructed(0x72, {T(0x86, "84180000")})},
          {},
          0x35004,
          "0000000000",
          0x10},
         {{"OtherTagInTheTemplate"},
          0x72,
-         {Script(0x72, {T(0x9F18, "00000001"), T(0x80, "00")})},
+         {Constructed(0x72, {T(0x9F18, "00000001"), T(0x80, "00")})},
          {},
          0x35005,
          "0000000001",
          0x10},
         {{"IdentifierOfAnotherLengthIgnored"},
          0x71,
-         {Script(0x71, {T(0x9F18, "112233"), T(0x86, "8418000000")})},
+         {Constructed(0x71, {T(0x9F18, "112233"), T(0x86, "8418000000")})},
          {Respond(kRead, FromHex("9000"))},
          0,
          "2000000000",
          0x00},
         {{"OnlyTheOwnKindRuns"},
          0x71,
-         {Script(0x72, {T(0x86, "8418000000")}), Script(0x71, {T(0x86, "04DA9F580101")})},
+         {Constructed(0x72, {T(0x86, "8418000000")}), Constructed(0x71, {T(0x86, "04DA9F580101")})},
          {Respond(kWrite, FromHex("9000"))},
          0,
          "2000000000",
@@ -128,7 +120,7 @@ std::vector<ScriptCase> Cases() {
     }
     cases.push_back({{"FifteenthCommandFails"},
                      0x72,
-                     {Script(0x72, fifteen)},
+                     {Constructed(0x72, fifteen)},
                      answers,
                      0x35003,
                      "1F00000000",
@@ -141,7 +133,7 @@ std::vector<ScriptCase> Cases() {
     std::string results;
     for (int i = 1; i <= 17; ++i) {
         const Bytes cmd = {0x84, 0x18, 0x00, static_cast<uint8_t>(i), 0x00};
-        seventeen.push_back(Script(0x71, {Tlv(0x86, cmd)}));
+        seventeen.push_back(Constructed(0x71, {Tlv(0x86, cmd)}));
         if (i <= 16) {
             sixteen.push_back(Respond(cmd, FromHex("9000")));
             results += "2000000000";
