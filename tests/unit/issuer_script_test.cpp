@@ -169,8 +169,10 @@ TEST(Scripts, NoTemplateOrNoInputTemplateLeavesNoTrace) {
     ScriptedHost host;
     for (const Bytes &input :
          {TransactionInput({T(0x9F02, "000000000100")}), FromHex("DF090100")}) {
+        // The input lies in the host's buffer of VELK_IO_BUFFER_MIN_LEN bytes.
         Bytes io = input;
         auto len = static_cast<uint32_t>(io.size());
+        io.resize(VELK_IO_BUFFER_MIN_LEN, 0x00);
         EXPECT_EQ(VelkCless_AfterGAC_Script_Processing(io.data(), &len), 0u);
         EXPECT_EQ(VelkCless_Check_Script_IsPresent(io.data(), 0x72), 0);
     }
