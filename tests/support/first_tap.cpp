@@ -19,13 +19,6 @@ Bytes T(uint32_t tag, std::string_view hex) {
     return Tlv(tag, FromHex(hex));
 }
 
-Bytes Constructed(uint32_t tag, const std::vector<Bytes> &children) {
-    Bytes value;
-    for (const Bytes &child : children)
-        value.insert(value.end(), child.begin(), child.end());
-    return Tlv(tag, value);
-}
-
 void Append(std::vector<Bytes> &to, const std::vector<Bytes> &more) {
     to.insert(to.end(), more.begin(), more.end());
 }
@@ -69,6 +62,7 @@ Bytes Purchase::Input() const {
 Bytes Card::Fci() const {
     std::vector<Bytes> a5 = {T(0x50, "56454C4B20444542495400")};
     if (!pdol.empty()) a5.push_back(T(0x9F38, pdol));
+    Append(a5, fciExtra);
     return velk::test::Fci(aid, a5);
 }
 
@@ -99,6 +93,11 @@ Bytes Card::GacResponse() const {
     std::vector<Bytes> children = {T(0x9F27, cid), T(0x9F36, atc), T(0x9F26, ac), T(0x9F10, iad)};
     Append(children, gacExtra);
     return With9000(Constructed(0x77, children));
+}
+
+Bytes Card::SecondGacResponse(std::string_view secondCid) const {
+    return With9000(
+        Constructed(0x77, {T(0x9F27, secondCid), T(0x9F36, atc2), T(0x9F26, ac2), T(0x9F10, iad)}));
 }
 
 Bytes DolData(std::string_view dolHex, const std::map<uint32_t, Bytes> &values) {
@@ -174,17 +173,51 @@ std::vector<CardExchange> FirstTap::Script() const {
     return script;
 }
 
+namespace {
+
+TapResult Finish(const ScriptedHost::Result &run) {
+    TapResult r;
+    r.status = run.status;
+    r.out = run.out;
+    r.ops = OutcomePacket(r.out).ops;
+    return r;
+}
+
+}  // namespace
+
 TapResult FirstTap::Run(ScriptedHost &host) const {
     host.ics = reader.Ics();
     host.Post(VELK_SIGNAL_FCI, With9000(card.Fci()));
     host.card = Script();
-    const ScriptedHost::Result first = host.Start(purchase.Input());
+    return Finish(host.Start(purchase.Input()));
+}
 
-    TapResult r;
-    r.status = first.status;
-    r.out = first.out;
-    r.ops = OutcomePacket(r.out).ops;
-    return r;
+Bytes FirstTap::SecondEntryInput(const IssuerResponse &response) const {
+    std::vector<Bytes> params = {
+        T(0x8A, response.arc),      T(0x9F872B, "30"),
+        T(0x9F02, purchase.amount), T(0x5F2A, purchase.currency),
+        Tlv(0x9F06, card.aid),      Tlv(0x9F8201, response.fci.value_or(card.Fci()))};
+    if (!response.iad.empty()) params.push_back(T(0x91, response.iad));
+    Append(params, response.scripts);
+    return TransactionInput(params);
+}
+
+Bytes FirstTap::SecondGacCommand(uint8_t p1, const IssuerResponse &response,
+                                 std::string_view tvr) const {
+    std::map<uint32_t, Bytes> values = Values();
+    values[0x8A] = FromHex(response.arc);
+    values[0x95] = FromHex(tvr);
+    const Bytes data = DolData(card.cdol2, values);
+    Bytes apdu = {0x80, 0xAE, p1, 0x00, static_cast<uint8_t>(data.size())};
+    apdu.insert(apdu.end(), data.begin(), data.end());
+    apdu.push_back(0x00);
+    return apdu;
+}
+
+TapResult FirstTap::RunSecondEntry(ScriptedHost &host, const IssuerResponse &response,
+                                   const std::vector<CardExchange> &exchanges) const {
+    host.card.insert(host.card.end(), exchanges.begin(), exchanges.end());
+    return Finish(host.Start(SecondEntryInput(response)));
 }
 
 }  // namespace velk::test

@@ -68,6 +68,7 @@ struct Purchase {
 struct Card {
     Bytes aid = velk::host::FromHex("A0000000031010");
     std::string pdol = "9F0206 9F1A02 9F3704";  // in the FCI; "" leaves it out
+    std::vector<Bytes> fciExtra;                // more children of A5 (9F75, ...)
     std::string aip = "1800";
     std::string afl = "08010200";  // SFI 1, records 1 and 2, none for ODA
     std::vector<Bytes> gpoExtra;   // more children of the GPO response's 77
@@ -103,6 +104,20 @@ struct Card {
     Bytes GpoResponse() const;  // with 9000
     std::vector<Bytes> Records() const;
     Bytes GacResponse() const;  // with 9000
+
+    // The second GENERATE AC response's own data objects.
+    std::string atc2 = "0002";
+    std::string ac2 = "8877665544332211";
+    Bytes SecondGacResponse(std::string_view cid) const;  // with 9000
+};
+
+// The issuer's response as the host passes it on the second entry of an
+// online transaction.
+struct IssuerResponse {
+    std::string arc = "3030";              // 8A: "00", approved
+    std::string iad = "1122334455667788";  // 91; "" leaves it out
+    std::vector<Bytes> scripts;            // 71 and 72 templates, in input order
+    std::optional<Bytes> fci;              // 9F8201 of the card presented now; default the card's
 };
 
 struct TapResult {
@@ -153,6 +168,18 @@ struct FirstTap {
     // Configures the host (D1, D3 and D5 replies, the FCI signal, the card
     // script) and runs the tap through Kernel_Start_VELK_.
     TapResult Run(ScriptedHost &host) const;
+
+    // ---- The second entry of an online transaction ----------------------------
+    // 7F11 { 8A, 9F872B 30, 9F02, 5F2A, 9F06, 9F8201, 91, scripts }.
+    Bytes SecondEntryInput(const IssuerResponse &response) const;
+    // The second GENERATE AC as the kernel builds it from CDOL2 with the
+    // issuer's 8A, the TVR and the unpredictable number 11223344.
+    Bytes SecondGacCommand(uint8_t p1, const IssuerResponse &response,
+                           std::string_view tvr = "8000000000") const;
+    // Runs the second entry on the host that ran the first tap (it hands back
+    // the context it kept on A2); `exchanges` continue the card script.
+    TapResult RunSecondEntry(ScriptedHost &host, const IssuerResponse &response,
+                             const std::vector<CardExchange> &exchanges) const;
 };
 
 // The values of a DOL, each entry filled with the value of its tag in

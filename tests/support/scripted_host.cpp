@@ -25,25 +25,24 @@ Bytes Tlv(uint32_t tag, const Bytes &value) {
     return velk::host::Tlv(tag, value);
 }
 
-Bytes Constructed(uint32_t tag, const std::vector<Bytes> &children) {
-    Bytes value;
-    for (const Bytes &child : children)
-        value.insert(value.end(), child.begin(), child.end());
-    return Tlv(tag, value);
-}
-
-// The request as the host reads it: 7F01 { DF00 = command, payload... }.
+// The request as the host reads it: 7F01 { DF00 = command, payload... }, or,
+// for the restart message, the outcome packet with DF00 as its last child.
 std::optional<Message> ParseRequest(const uint8_t *buffer, uint32_t len) {
     try {
         const std::vector<TlvNode> nodes = ParseTlv({buffer, len}, false);
         if (nodes.size() != 1 || nodes[0].tag != 0x7F01 || nodes[0].children.empty())
             return std::nullopt;
         const TlvNode &root = nodes[0];
-        const TlvNode &command = root.children[0];
+        const bool first = root.children.front().tag == 0xDF00;
+        const TlvNode &command = first ? root.children.front() : root.children.back();
         if (command.tag != 0xDF00 || command.value.size() != 1) return std::nullopt;
         Message msg;
         msg.command = command.value[0];
-        msg.payload.assign(root.value.begin() + static_cast<long>(command.size), root.value.end());
+        const auto size = static_cast<long>(command.size);
+        if (first)
+            msg.payload.assign(root.value.begin() + size, root.value.end());
+        else
+            msg.payload.assign(root.value.begin(), root.value.end() - size);
         msg.raw.assign(buffer, buffer + root.size);
         return msg;
     } catch (const std::invalid_argument &) {
@@ -113,6 +112,20 @@ ScriptedHost::ScriptedHost(uint8_t *boundBlock) : kernel_(&ScriptedHost::Trampol
     handlers_[VELK_CMD_ICS_PARAMS] = [this](const Message &) { return Answer::Reply(ics); };
     handlers_[VELK_CMD_AID_PARAMS] = [this](const Message &) { return Answer::Reply(aidParams); };
     handlers_[VELK_CMD_FETCH_CONTEXT] = [this](const Message &) { return Answer::Reply(context); };
+    // The host keeps the context as the children of 7F15, to hand back on A3.
+    handlers_[VELK_CMD_STORE_CONTEXT] = [this](const Message &msg) {
+        std::vector<TlvNode> storage;
+        const TlvNode *stored = PayloadElement(msg, 0x7F15, storage);
+        context.clear();
+        if (stored != nullptr)
+            for (const TlvNode &child : stored->children)
+                context.push_back(Tlv(child.tag, child.value));
+        return Answer::Keep();
+    };
+    handlers_[VELK_CMD_RESTART] = [this](const Message &msg) {
+        restarts.push_back(Tlv(0x7F01, msg.payload));
+        return Answer::Keep();
+    };
     handlers_[VELK_CMD_UNPREDICTABLE_NUMBER] = [this](const Message &) {
         return Answer::Reply({Tlv(0x9F37, unpredictableNumber)});
     };
@@ -283,6 +296,13 @@ Bytes TransactionInput(const std::vector<Bytes> &params, std::optional<uint8_t> 
 
 Bytes Fci(const Bytes &aid, const std::vector<Bytes> &a5) {
     return Constructed(0x6F, {Tlv(0x84, aid), Constructed(0xA5, a5)});
+}
+
+Bytes Constructed(uint32_t tag, const std::vector<Bytes> &children) {
+    Bytes value;
+    for (const Bytes &child : children)
+        value.insert(value.end(), child.begin(), child.end());
+    return Tlv(tag, value);
 }
 
 Bytes With9000(const Bytes &data) {

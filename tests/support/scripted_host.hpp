@@ -88,9 +88,9 @@ public:
     ScriptedHost &operator=(const ScriptedHost &) = delete;
 
     // ---- Configuration --------------------------------------------------------
-    std::vector<Bytes> ics;                                       // D1: the reply's children
-    std::vector<Bytes> aidParams;                                 // D3: the reply's children
-    std::vector<Bytes> context;                                   // A3: the reply's children
+    std::vector<Bytes> ics;        // D1: the reply's children
+    std::vector<Bytes> aidParams;  // D3: the reply's children
+    std::vector<Bytes> context;    // A3: the reply's children; A2 replaces them with 7F15's
     Bytes unpredictableNumber = velk::host::FromHex("11223344");  // D5: 9F37
     uint8_t cardActiveSignal = kCardPresentSignal;                // D6
     std::vector<CardExchange> card;                               // F1, in order
@@ -103,6 +103,7 @@ public:
     std::vector<Bytes> capdus;      // every C-APDU, in order
     std::vector<Bytes> uirds;       // every D7 display request's DF8116
     int powerOffs = 0;              // DF requests
+    std::vector<Bytes> restarts;    // FE requests: the outcome packet 7F01 without DF00
     std::vector<uint8_t> Commands() const;
     std::vector<Message> MessagesFor(uint8_t command) const;
 
@@ -155,6 +156,8 @@ std::string HexDiff(const Bytes &expected, const Bytes &actual);
 Bytes TransactionInput(const std::vector<Bytes> &params, std::optional<uint8_t> kernelId = {});
 // 6F { 84 aid, A5 { a5 } }.
 Bytes Fci(const Bytes &aid, const std::vector<Bytes> &a5 = {});
+// A constructed element whose value is the children's encodings in order.
+Bytes Constructed(uint32_t tag, const std::vector<Bytes> &children);
 // The bytes followed by the status word 90 00.
 Bytes With9000(const Bytes &data);
 

@@ -293,6 +293,8 @@ uint32_t VelkCless_Stores_OnlineTransaction_Context_Callback(const uint8_t *pDat
 uint32_t VelkCless_Get_ONline_Record(uint8_t *pOutDatabuffer, uint32_t *puiOutDatalen);
 uint32_t VelkCless_Get_CDOL2_TLVData(uint8_t *pOutTLVData, uint32_t *pOutTLVDataLen);
 uint32_t VelkCless_Get_OnlineTransaction_Context(void);
+/* pTlvData: the transaction input at the start of its VELK_IO_BUFFER_MIN_LEN-byte
+ * buffer (cleared after the input), as the step machine passes it. */
 uint8_t VelkCless_Check_Script_IsPresent(const uint8_t *pTlvData, uint32_t uiTag);
 uint32_t VelkCless_Online_Response_Processing_and_Kernel_DeActivation(uint8_t *pTlvData,
                                                                       uint32_t *pTlvDatalen);

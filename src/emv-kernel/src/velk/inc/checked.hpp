@@ -224,6 +224,11 @@ bool EchoRestartInput(uint8_t *input, uint32_t *len, const uint8_t *fci, uint32_
 // (depth first), or null.
 uint8_t *DtpFind(uint32_t tag);
 
+// Replaces the child of the dynamic transaction parameters with this tag (or
+// adds it), keeping them under 512 bytes; false, with nothing changed, when
+// it would not fit.
+bool DtpReplace(uint32_t tag, const uint8_t *value, uint32_t len);
+
 // The outcome TLV 7F01 of the current outcome, written into cap bytes at out.
 // *len follows the packet's length after each element; an element that would
 // pass cap is left out whole and the packet stays well formed. Nothing is
@@ -245,6 +250,11 @@ bool StatusIs9000(const uint8_t *rapdu, uint32_t len);
 uint32_t EndCommunicationError();
 uint32_t EndStopped();
 uint32_t EndOnError();
+
+// Reads the tag and requested length of the DOL entry at dol[pos] (pos below
+// len) without reading past the DOL. The entry's size, or 0 when it runs past
+// the end of the DOL.
+uint32_t ReadDolEntry(const uint8_t *dol, uint32_t len, uint32_t pos, uint32_t *tag, uint32_t *n);
 
 // Total length that the header at p declares for its element, decoded from at
 // most n bytes; 0 when the header itself does not fit in n bytes.

@@ -144,9 +144,11 @@ void SetAuthenticationOnlyDefaults() {
     }
 }
 
-// Reads the tag and requested length of the DOL entry at dol[pos] without
-// reading past the DOL: the codec sees a zero-filled copy of what is left.
-// The entry's size, or 0 when it runs past the end of the DOL.
+}  // namespace
+
+namespace velk {
+
+// The codec sees a zero-filled copy of what is left of the DOL.
 uint32_t ReadDolEntry(const uint8_t *dol, uint32_t len, uint32_t pos, uint32_t *tag, uint32_t *n) {
     uint8_t entry[8] = {};
     const uint32_t left = len - pos;
@@ -155,7 +157,7 @@ uint32_t ReadDolEntry(const uint8_t *dol, uint32_t len, uint32_t pos, uint32_t *
     return (size == 0 || size > left) ? 0 : size;
 }
 
-}  // namespace
+}  // namespace velk
 
 extern "C" {
 
@@ -170,7 +172,7 @@ uint32_t VelkCless_GenerateDOL_Response(const uint8_t *pDolData, uint32_t nDolDa
         }
         uint32_t tag = 0;
         uint32_t n = 0;
-        const uint32_t size = ReadDolEntry(pDolData, nDolDataLen, pos, &tag, &n);
+        const uint32_t size = velk::ReadDolEntry(pDolData, nDolDataLen, pos, &tag, &n);
         if (size == 0) break;
         PutDolValue(out, tag, n);
         if (!out.ok()) break;

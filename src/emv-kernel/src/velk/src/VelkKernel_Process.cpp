@@ -754,6 +754,13 @@ uint8_t *DtpFind(uint32_t tag) {
     return TLV_FindTag(Dtp(), tag);
 }
 
+bool DtpReplace(uint32_t tag, const uint8_t *value, uint32_t len) {
+    const uint32_t total = AddTagUpdateChecked(Dtp(), kDtpCapacity, tag, value, len);
+    if (total == 0) return false;
+    G().uiDynamicTransactionParametersLen = total;
+    return true;
+}
+
 void BuildOutcomePacket(uint8_t *out, uint32_t cap, uint32_t *len) {
     if (NewChecked(out, cap, 0x7F01, nullptr, 0) == 0) return;
     *len = TLV_GetTlvTotalLen(out);
@@ -1031,14 +1038,6 @@ uint32_t VelkCless_Transaction_FinalOutcome_Packet(uint8_t *pInOutData, uint32_t
     if (pInOutData == nullptr || pInOutDatalen == nullptr) return 0;
     velk::BuildOutcomePacket(pInOutData, VELK_IO_BUFFER_MIN_LEN, pInOutDatalen);
     return 0;
-}
-
-// Fetching the online transaction context belongs to online processing; until
-// that module defines it, kernel start sends the bare request here. The
-// module's own definition replaces this one at link time.
-__attribute__((weak)) uint32_t VelkCless_Get_OnlineTransaction_Context(void) {
-    velk::MsgBegin(VELK_CMD_FETCH_CONTEXT);
-    return velk::MsgCall();
 }
 
 }  // extern "C"
