@@ -41,6 +41,8 @@ set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 # A shlibs file for libvelk1 (only that package holds a shared library):
 # programs linked with libvelk.so.1 depend on libvelk1 (>= this version).
+# Packages ship stripped binaries, whatever the build type they come from.
+set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
