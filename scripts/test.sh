@@ -27,7 +27,7 @@ fi
 
 JOBS=${JOBS:-$(nproc)}
 STAGES=${*:-native packages asan tsan armhf lint fuzz}
-FUZZ_SECONDS=${FUZZ_SECONDS:-25}
+FUZZ_SECONDS=${FUZZ_SECONDS:-15}
 NATIVE_FLAGS="-DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr"
 
 SUMMARY=
