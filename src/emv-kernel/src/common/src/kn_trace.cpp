@@ -27,8 +27,8 @@ void TraceV(const char *fmt, va_list args) {
     Memset_(g_fmt_str, 0, static_cast<int>(sizeof g_fmt_str));
     // Every caller starts args with va_start; the analyzer does not follow
     // the list across the call.
-    vsnprintf(g_fmt_str, sizeof g_fmt_str, fmt,
-              args);  // NOLINT(clang-analyzer-valist.Uninitialized)
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
+    vsnprintf(g_fmt_str, sizeof g_fmt_str, fmt, args);
     const size_t len = strlen(g_fmt_str);
     for (size_t i = 0; i < len; ++i)
         private_parse_trace_char(g_fmt_str[i]);
