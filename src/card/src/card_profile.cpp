@@ -189,21 +189,21 @@ void ParseGenerateAc(const Field &f, Application &app) {
     if (auto v = f.Optional("verify_arpc")) app.verify_arpc = v->Bool();
 }
 
-OdaSpec ParseOda(const Field &f) {
+OdaSetup ParseOda(const Field &f) {
     f.OnlyKeys({"ca_key", "ca_index", "issuer_key", "icc_key", "issuer_expiry", "icc_expiry",
                 "issuer_serial", "icc_serial", "data_authentication_code", "icc_dynamic_number"});
-    OdaSpec spec;
-    spec.ca_key = f["ca_key"].String();
-    spec.ca_index = ParseByte(f["ca_index"]);
-    spec.issuer_key = f["issuer_key"].String();
-    if (auto k = f.Optional("icc_key")) spec.icc_key = k->String();
-    if (auto v = f.Optional("issuer_expiry")) spec.issuer_expiry = v->Hex(2);
-    if (auto v = f.Optional("icc_expiry")) spec.icc_expiry = v->Hex(2);
-    if (auto v = f.Optional("issuer_serial")) spec.issuer_serial = v->Hex(3);
-    if (auto v = f.Optional("icc_serial")) spec.icc_serial = v->Hex(3);
-    if (auto v = f.Optional("data_authentication_code")) spec.data_authentication_code = v->Hex(2);
-    if (auto v = f.Optional("icc_dynamic_number")) spec.icc_dynamic_number = v->HexRange(2, 8);
-    return spec;
+    OdaSetup setup;
+    setup.ca_key = f["ca_key"].String();
+    setup.ca_index = ParseByte(f["ca_index"]);
+    setup.issuer_key = f["issuer_key"].String();
+    if (auto k = f.Optional("icc_key")) setup.icc_key = k->String();
+    if (auto v = f.Optional("issuer_expiry")) setup.issuer_expiry = v->Hex(2);
+    if (auto v = f.Optional("icc_expiry")) setup.icc_expiry = v->Hex(2);
+    if (auto v = f.Optional("issuer_serial")) setup.issuer_serial = v->Hex(3);
+    if (auto v = f.Optional("icc_serial")) setup.icc_serial = v->Hex(3);
+    if (auto v = f.Optional("data_authentication_code")) setup.data_authentication_code = v->Hex(2);
+    if (auto v = f.Optional("icc_dynamic_number")) setup.icc_dynamic_number = v->HexRange(2, 8);
+    return setup;
 }
 
 void ParseScripts(const Field &f, Application &app) {

@@ -112,30 +112,30 @@ void ResolveComputedItems(Application &app) {
             throw std::runtime_error("oda: computed record values need an \"oda\" section");
         return;
     }
-    const OdaSpec &spec = *app.oda;
+    const OdaSetup &setup = *app.oda;
     const velk::pki::Backend &backend = velk::pki::OpenSslBackend();
-    const velk::pki::RsaKey &ca = Key(spec.ca_key, "CA");
-    const velk::pki::RsaKey &issuer = Key(spec.issuer_key, "issuer");
+    const velk::pki::RsaKey &ca = Key(setup.ca_key, "CA");
+    const velk::pki::RsaKey &issuer = Key(setup.issuer_key, "issuer");
     const std::string pan = PanDigits(app);
 
     velk::pki::IssuerCertificateRequest ir;
     ir.issuer_identifier = pan.substr(0, std::min<size_t>(pan.size(), 8));
-    ir.expiry = velk::host::ToHex(spec.issuer_expiry);
-    std::copy(spec.issuer_serial.begin(), spec.issuer_serial.end(), ir.serial.begin());
+    ir.expiry = velk::host::ToHex(setup.issuer_expiry);
+    std::copy(setup.issuer_serial.begin(), setup.issuer_serial.end(), ir.serial.begin());
     const velk::pki::IssuerCertificate ic =
         velk::pki::MakeIssuerCertificate(backend, ca, issuer, ir);
-    Fill(app, "ca_index", Bytes{spec.ca_index});
+    Fill(app, "ca_index", Bytes{setup.ca_index});
     Fill(app, "issuer_certificate", ic.certificate);
     Fill(app, "issuer_remainder", ic.remainder);
     DropEmpty(app, "issuer_remainder");
     Fill(app, "issuer_exponent", ic.exponent);
 
     velk::pki::IccCertificateRequest cr;
-    const velk::pki::RsaKey *icc = spec.icc_key.empty() ? nullptr : &Key(spec.icc_key, "ICC");
+    const velk::pki::RsaKey *icc = setup.icc_key.empty() ? nullptr : &Key(setup.icc_key, "ICC");
     if (icc != nullptr) {
         cr.pan = pan;
-        cr.expiry = velk::host::ToHex(spec.icc_expiry);
-        std::copy(spec.icc_serial.begin(), spec.icc_serial.end(), cr.serial.begin());
+        cr.expiry = velk::host::ToHex(setup.icc_expiry);
+        std::copy(setup.icc_serial.begin(), setup.icc_serial.end(), cr.serial.begin());
         // Remainder and exponent do not depend on the signed data: fill them
         // first, since records signed for offline authentication may carry them.
         const auto partial = velk::pki::MakeIccCertificate(backend, issuer, *icc, cr);
@@ -155,7 +155,7 @@ void ResolveComputedItems(Application &app) {
         app.oda_keys = std::make_shared<OdaKeys>(OdaKeys{*icc});
     }
     velk::pki::StaticDataRequest sr;
-    std::copy(spec.data_authentication_code.begin(), spec.data_authentication_code.end(),
+    std::copy(setup.data_authentication_code.begin(), setup.data_authentication_code.end(),
               sr.data_authentication_code.begin());
     sr.static_data = static_data;
     Fill(app, "signed_static_data", velk::pki::SignStaticData(backend, issuer, sr));

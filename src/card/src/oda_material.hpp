@@ -24,9 +24,9 @@ std::string TestKeyNames();
 // The public part of a test key by name; nullptr when the name is unknown.
 const velk::pki::RsaKey *TestKey(const std::string &name);
 
-// Loads the keys that the application's OdaSpec names and fills every
+// Loads the keys that the application's OdaSetup names and fills every
 // computed record item. Throws std::runtime_error with the reason when a key
-// is unknown, an item is computed without an OdaSpec, or a record signed for
+// is unknown, an item is computed without an OdaSetup, or a record signed for
 // offline data authentication would have to contain its own signature.
 void ResolveComputedItems(Application &app);
 

@@ -21,7 +21,7 @@
 
 namespace velk::card {
 
-struct OdaKeys;  // the loaded keys of an OdaSpec (oda_material.hpp)
+struct OdaKeys;  // the loaded keys of an OdaSetup (oda_material.hpp)
 
 // Cryptogram types in the coding of the GENERATE AC reference control
 // parameter and of the Cryptogram Information Data.
@@ -62,7 +62,7 @@ struct GacPolicy {
 // Offline data authentication: the keys the card's certificates and
 // signatures are made with (names of the test PKI's fixed keys) and the
 // certificate fields that are not taken from the card's data.
-struct OdaSpec {
+struct OdaSetup {
     std::string ca_key;               // the certification authority's key
     uint8_t ca_index = 0;             // its index (8F) under the application's RID
     std::string issuer_key;           // the issuer key certified by the CA
@@ -112,7 +112,7 @@ struct Application {
     uint16_t script_sw = 0x9000;
     std::map<uint8_t, uint16_t> script_sw_by_ins;
 
-    std::optional<OdaSpec> oda;
+    std::optional<OdaSetup> oda;
     std::shared_ptr<const OdaKeys> oda_keys;  // set when the profile is loaded
 
     // The first value of a tag among the records (computed values once they
