@@ -13,6 +13,7 @@
 #include "data_elements.hpp"
 #include "first_tap.hpp"
 #include "named_case.hpp"
+#include "outcome_sets.hpp"
 #include "scripted_host.hpp"
 
 namespace velk::test {
@@ -21,13 +22,6 @@ namespace {
 using velk::host::FromHex;
 using velk::host::ToHex;
 
-constexpr char kCompleted[] = "40F0F0F080F0FF00";
-constexpr char kCompletedWithData[] = "40F0F0F090F0FF00";
-constexpr char kApprovedWithData[] = "10F0F0F0B0F0FF00";
-constexpr char kDeclinedBeforeRecordsWithData[] = "20F0F0F090F0FF00";
-constexpr char kCommunicationError[] = "7010F0F0C0F01300";
-
-// The card's part around the standard tap's exchanges, and where the card
 // script ends: after `exchanges` exchanges, or with the whole tap.
 constexpr size_t kWholeTap = SIZE_MAX;
 struct Moments {
@@ -79,7 +73,7 @@ void RunNonFinancial(const std::string &type, const std::string &options, const 
     ScriptedHost host;
     const TapResult r = Tap(type, options, {templ}, BeforeGpo(card)).Run(host);
     const bool any = result9F71 != "absent" || result9F74 != "absent";
-    Check(host, r, {0, any ? kCompletedWithData : kCompleted, result9F71, result9F74});
+    Check(host, r, {0, any ? kEndApplicationWithData : kEndApplication, result9F71, result9F74});
     const OutcomePacket p(r.out);
     ASSERT_TRUE(p.uird);
     EXPECT_EQ(ToHex({p.uird->data(), 2}), "1004");
@@ -225,7 +219,7 @@ TEST(Update, CountsAcrossTheMomentsAndStopsAfterAFailure) {
     for (const Case &c : cases) {
         ScriptedHost host;
         Check(host, Tap("79", "40", {Bf70(c.entries)}, c.card).Run(host),
-              {0, kCompletedWithData, "absent", c.result});
+              {0, kEndApplicationWithData, "absent", c.result});
     }
 }
 
@@ -258,7 +252,7 @@ TEST(Payment, EndingsOfTheUpdates) {
     // clang-format off
     const std::vector<Case> cases = {
         {"StopBitBeforeGpo", {Entry(0xA2, "9F4F0101", 0x01)},
-         BeforeGpo({Respond(a2, refused)}), kCompletedWithData, "0100"},
+         BeforeGpo({Respond(a2, refused)}), kEndApplicationWithData, "0100"},
         {"StopBitAfterGpoDeclines", {Entry(0xA2, "9F4F0101"), Entry(0xA3, "9F4F0102", 0x01)},
          {{Respond(a2, FromHex("9000"))}, {Respond(a3, refused)}, {}, 3},
          kDeclinedBeforeRecordsWithData, "0101"},
@@ -307,7 +301,7 @@ TEST(Cancellation, DuringEachExchangeEndsTheTransaction) {
         ScriptedHost host;
         const TapResult r = Tap(c.type, c.options, {c.templ}, c.card).Run(host);
         EXPECT_EQ(r.status, 0x30101u);
-        EXPECT_EQ(ToHex(r.ops), kCompleted);
+        EXPECT_EQ(ToHex(r.ops), kEndApplication);
         const OutcomePacket p(r.out);
         ASSERT_TRUE(p.uird);
         EXPECT_EQ(ToHex({p.uird->data(), 2}), "1C05");
@@ -330,7 +324,7 @@ TEST_P(Templates, ArriveInTheirNaturalShapeAndAreKeptWhole) {
     if (GetParam() == From::Input) tap.purchase.extra = {bf71, bf70};
     if (GetParam() == From::IcsReply) tap.reader.extra = {bf71, bf70};
     if (GetParam() == From::AidReply) host.aidParams = {bf71, bf70};
-    Check(host, tap.Run(host), {0, kCompletedWithData, "9F36020001", "0201"});
+    Check(host, tap.Run(host), {0, kEndApplicationWithData, "9F36020001", "0201"});
     EXPECT_EQ(DbHex(0xBF70), ToHex(bf70));
     EXPECT_EQ(DbHex(0xBF71), ToHex(bf71));
 }

@@ -9,6 +9,7 @@
 #include "baseKernel.h"
 #include "first_tap.hpp"
 #include "named_case.hpp"
+#include "outcome_sets.hpp"
 #include "scripted_host.hpp"
 
 namespace velk::test {
@@ -18,18 +19,6 @@ using velk::host::Bytes;
 using velk::host::FromHex;
 using velk::host::Tlv;
 using velk::host::ToHex;
-
-// Outcome Parameter Sets.
-constexpr char kApproved[] = "10F0F0F0A0F0FF00";
-constexpr char kApprovedSignature[] = "10F0F010A8F0FF00";
-constexpr char kDeclined[] = "20F0F0F0A0F0FF00";
-constexpr char kOnlineRequest[] = "30F0F0F0A0F0FF00";
-constexpr char kEndApplication[] = "40F0F0F080F0FF00";
-constexpr char kCompletedOnError[] = "5020F0F000F0FF00";
-constexpr char kTryOtherInterface[] = "60F0F0F08001FF00";
-constexpr char kOnDeviceCvm[] = "4010F0F0C0F01300";
-constexpr char kDeclinedBeforeRecords[] = "20F0F0F080F0FF00";
-constexpr char kNoOutcome[] = "0000000000000000";
 
 Bytes T(uint32_t tag, std::string_view hex) {
     return Tlv(tag, FromHex(hex));
@@ -189,7 +178,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(C5Ending{"TryOtherInterface", "2400", "060000001800", kTryOtherInterface},
                       C5Ending{"OnDeviceCvm", "0400", "060000001800", kOnDeviceCvm},
                       C5Ending{"DeclineWithCapability0302", "0000", "060000021800",
-                               kDeclinedBeforeRecords}),
+                               kDeclinedWithoutRecord}),
     CaseName());
 
 // ---- READ RECORD ---------------------------------------------------------------------

@@ -14,6 +14,7 @@
 #include "first_tap.hpp"
 #include "named_case.hpp"
 #include "oda_card.hpp"
+#include "outcome_sets.hpp"
 #include "scripted_host.hpp"
 
 namespace velk::test {
@@ -25,11 +26,6 @@ using velk::host::Tlv;
 using velk::host::ToHex;
 namespace keys = pki::test_keys;
 
-constexpr char kApproved[] = "10F0F0F0A0F0FF00";
-constexpr char kDeclined[] = "20F0F0F0A0F0FF00";
-constexpr char kAuthenticated[] = "40F0F0F0A0F0FF00";
-
-// The D4 request of the standard card: its DF name and CA index 92.
 constexpr char kCaKeyRequest[] =
     "7F0111DF0001D4"
     "9F0607A0000000031010"
@@ -155,7 +151,7 @@ TEST(OdaTransaction, DdaAuthenticatesTheCardInTheAuthenticationOnlyFlow) {
     AuthenticationOnly(t.tap);
     const TapResult r = t.Run(host);
     EXPECT_EQ(r.status, 0u);
-    EXPECT_EQ(ToHex(r.ops), kAuthenticated);
+    EXPECT_EQ(ToHex(r.ops), kEndApplicationWithRecord);
     ASSERT_EQ(host.capdus.size(), 6u);
     EXPECT_EQ(ToHex(host.capdus[5]),
               "0088000004"
@@ -187,7 +183,7 @@ TEST(OdaTransaction, DdaFailuresAreReportedInTheTvr) {
         c.fault(t);
         if (t.directory.index != 0x92) t.tap.endAfter = 5;  // no INTERNAL AUTHENTICATE
         const TapResult r = t.Run(host);
-        EXPECT_EQ(ToHex(r.ops), kAuthenticated) << c.name;
+        EXPECT_EQ(ToHex(r.ops), kEndApplicationWithRecord) << c.name;
         const OutcomePacket p(r.out);
         // ICC data missing as well when the key never came.
         EXPECT_EQ(RecordValue(p, 0x95), t.directory.index != 0x92 ? "2800000000" : "0800000000")

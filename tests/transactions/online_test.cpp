@@ -11,6 +11,7 @@
 #include "db_access.hpp"
 #include "first_tap.hpp"
 #include "named_case.hpp"
+#include "outcome_sets.hpp"
 #include "scripted_host.hpp"
 #include "transaction_data.hpp"
 
@@ -22,16 +23,6 @@ using velk::host::FromHex;
 using velk::host::Tlv;
 using velk::host::ToHex;
 
-constexpr char kOnlineApproved[] = "10F0F0F0A0F0FF00";
-constexpr char kDeclinedWithRecord[] = "20F0F0F0A0F0FF00";
-constexpr char kDeclinedWithoutRecord[] = "20F0F0F080F0FF00";
-constexpr char kErroneousReactivation[] = "40F0F0F000F0FF00";
-constexpr char kErroneousReactivationWithRecord[] = "40F0F0F020F0FF00";
-constexpr char kCommunicationError[] = "7010F0F0C0F01300";
-constexpr char kEndApplication[] = "40F0F0F080F0FF00";
-constexpr char kCancelled[] = "40F0F0F080F0FF00";
-
-// An ARQC on a reader that supports the online tap (capability 0x280, option
 // 02, C5 bit 08 from the card) or the long tap (capability 0x210, option 04);
 // both allow the restart after online (04 and 02).
 FirstTap OnlineFirstTap(bool onlineTap) {
@@ -138,8 +129,8 @@ IssuerResponse No91() {
 
 std::vector<SecondEntryCase> SecondEntryCases() {
     return {
-        {{"ApprovedByIssuerAndCard"}, {}, 0x40, "40", 0, 0, kOnlineApproved},
-        {{"DeclinedByIssuer"}, Declined(), 0x00, "00", 0, 0, kDeclinedWithRecord},
+        {{"ApprovedByIssuerAndCard"}, {}, 0x40, "40", 0, 0, kApproved},
+        {{"DeclinedByIssuer"}, Declined(), 0x00, "00", 0, 0, kDeclined},
         // Inverted flag: declined as invalid, without the data record.
         {{"CardApprovesWhatTheIssuerDeclined"},
          Declined(),
@@ -148,7 +139,7 @@ std::vector<SecondEntryCase> SecondEntryCases() {
          0,
          0,
          kDeclinedWithoutRecord},
-        {{"DeclinedByCard"}, {}, 0x40, "00", 0, 0, kDeclinedWithRecord},
+        {{"DeclinedByCard"}, {}, 0x40, "00", 0, 0, kDeclined},
         {{"No91NoSecondGenerateAc"}, No91(), -1, "", 0, 0, kErroneousReactivation},
         {{"StatusWordOtherThan9000"}, {}, 0x40, "6985", 0, 0, kErroneousReactivation},
         {{"FormatOneResponseIsInvalid"},
@@ -174,7 +165,7 @@ std::vector<SecondEntryCase> SecondEntryCases() {
          0,
          kDeclinedWithoutRecord},
         {{"TornWithoutEchoIsACommunicationError"}, {}, 0x40, "", 0xA5, 0, kCommunicationError},
-        {{"StoppedByTheReader"}, {}, 0x40, "", 0xA1, 0, kCancelled, 0x30101},
+        {{"StoppedByTheReader"}, {}, 0x40, "", 0xA1, 0, kEndApplication, 0x30101},
         {{"CallbackFailureEndsTheApplication"}, {}, 0x40, "", 0, 0x31234, kEndApplication, 0x31234},
     };
 }
@@ -253,7 +244,7 @@ TEST(SecondEntry, ScriptsBeforeAndAfterTheSecondGenerateAcReachTheResultsTvrAndT
                             Respond(tap.SecondGacCommand(0x40, response, "8000000020"),
                                     tap.card.SecondGacResponse("40")),
                             Respond(FromHex("04DA9F580101"), FromHex("63C2"))});
-    EXPECT_EQ(ToHex(r.ops), kOnlineApproved);
+    EXPECT_EQ(ToHex(r.ops), kApproved);
     EXPECT_EQ(Db(0x9F8255), "1200000001");
     EXPECT_EQ(Db(0x9F8256), "2000000002");
     const OutcomePacket p(r.out);
@@ -356,7 +347,7 @@ TEST_P(RestoredContext, GivesADefinedSecondEntry) {
             Respond(tap.SecondGacCommand(0x40, response, c.tvr), tap.card.SecondGacResponse("40"))};
     const TapResult r = tap.RunSecondEntry(host, response, card);
     EXPECT_EQ(r.status, 0u);
-    EXPECT_EQ(ToHex(r.ops), c.secondGac ? kOnlineApproved : kErroneousReactivation);
+    EXPECT_EQ(ToHex(r.ops), c.secondGac ? kApproved : kErroneousReactivation);
     EXPECT_EQ(Db(0x8A), "3030");
 }
 

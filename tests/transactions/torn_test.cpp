@@ -11,6 +11,7 @@
 #include "db_access.hpp"
 #include "first_tap.hpp"
 #include "named_case.hpp"
+#include "outcome_sets.hpp"
 #include "scripted_host.hpp"
 #include "transaction_data.hpp"
 
@@ -20,12 +21,6 @@ namespace {
 using velk::host::FromHex;
 using velk::host::Tlv;
 using velk::host::ToHex;
-
-constexpr char kApproved[] = "10F0F0F0A0F0FF00";
-constexpr char kCompletedOnError[] = "5020F0F000F0FF00";
-constexpr char kErroneousReactivation[] = "40F0F0F000F0FF00";
-constexpr char kCommunicationError[] = "7010F0F0C0F01300";
-constexpr char kCancelled[] = "40F0F0F080F0FF00";
 
 const Bytes kSelect = FromHex("00A4040007A000000003101000");
 const Bytes kEchoFirst = FromHex(
@@ -84,7 +79,7 @@ std::vector<FirstGacCase> FirstGacCases() {
              return std::vector<CardExchange>{Respond(kSelect, With9000(t.card.Fci())),
                                               SignalInstead(kEchoFirst, 0xA1)};
          },
-         kCancelled},
+         kEndApplication},
         // Any other failure of the ECHO leaves no response to judge.
         {{"EchoCallbackFails"},
          kCardPresentSignal,

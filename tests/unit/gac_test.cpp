@@ -5,6 +5,7 @@
 #include "db_access.hpp"
 #include "kernel_fixture.hpp"
 #include "named_case.hpp"
+#include "outcome_sets.hpp"
 #include "step_host.hpp"
 
 namespace velk::test {
@@ -13,11 +14,6 @@ namespace {
 using host::Bytes;
 using host::Tlv;
 
-constexpr char kOnError[] = "5020F0F000F0FF00";
-constexpr char kTryOther[] = "60F0F0F08001FF00";
-constexpr char kOnDevice[] = "4010F0F0C0F01300";
-
-// A well-formed response template 77 with the given children, and 9000.
 std::string Response(std::initializer_list<Bytes> children) {
     return Hex(Tlv(0x77, children)) + "9000";
 }
@@ -103,7 +99,7 @@ TEST_F(Gac, NoSdadAgainstACdaAip) {
     Put(0x82, "0000");
     host_.Respond(Response({Cid(0x40), kAtc, kSdad, kIad}));
     EXPECT_EQ(Run(), 0u);
-    EXPECT_EQ(Outcome(), kOnError);
+    EXPECT_EQ(Outcome(), kCompletedOnError);
     Put(0x82, "0100");
     host_.Respond(Response({Cid(0x40), kAtc, kSdad, kIad}));
     EXPECT_EQ(Run(), 0u);
@@ -130,7 +126,7 @@ TEST_P(GacBadResponse, EndsInTransactionCompletedOnError) {
     host_.Respond(GetParam().rapdu);
     EXPECT_EQ(Run(), 0u);
     EXPECT_EQ(Step(), 0u);
-    EXPECT_EQ(Outcome(), kOnError);
+    EXPECT_EQ(Outcome(), kCompletedOnError);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -204,17 +200,17 @@ INSTANTIATE_TEST_SUITE_P(
     Ccid, GacC5,
     ::testing::Values(
         C5Case{"SameSelection", "02", "0A", 0x80, 0x80, nullptr, nullptr},
-        C5Case{"SelectionChanged", "02", "03", 0x80, 0x80, nullptr, kOnError},
-        C5Case{"C5Dropped", "02", nullptr, 0x80, 0x80, nullptr, kOnError},
+        C5Case{"SelectionChanged", "02", "03", 0x80, 0x80, nullptr, kCompletedOnError},
+        C5Case{"C5Dropped", "02", nullptr, 0x80, 0x80, nullptr, kCompletedOnError},
         C5Case{"OnlyInTheResponse", nullptr, "08", 0x80, 0x80, nullptr, nullptr},
-        C5Case{"TryOtherInterfaceBit", nullptr, "20", 0x80, 0x80, nullptr, kTryOther},
-        C5Case{"OnDeviceByC5", nullptr, "04", 0x80, 0x80, nullptr, kOnDevice},
-        C5Case{"OnDeviceWinsOverTryOther", nullptr, "24", 0x00, 0x80, nullptr, kOnDevice},
-        C5Case{"OnDeviceByCvmResults", nullptr, nullptr, 0x00, 0x80, "240000", kOnDevice},
-        C5Case{"OnDeviceByCvmResults64", nullptr, nullptr, 0x00, 0x80, "640000", kOnDevice},
+        C5Case{"TryOtherInterfaceBit", nullptr, "20", 0x80, 0x80, nullptr, kTryOtherInterface},
+        C5Case{"OnDeviceByC5", nullptr, "04", 0x80, 0x80, nullptr, kOnDeviceCvm},
+        C5Case{"OnDeviceWinsOverTryOther", nullptr, "24", 0x00, 0x80, nullptr, kOnDeviceCvm},
+        C5Case{"OnDeviceByCvmResults", nullptr, nullptr, 0x00, 0x80, "240000", kOnDeviceCvm},
+        C5Case{"OnDeviceByCvmResults64", nullptr, nullptr, 0x00, 0x80, "640000", kOnDeviceCvm},
         C5Case{"CvmPerformedAlready", nullptr, nullptr, 0x00, 0x80, "240002", nullptr},
         C5Case{"CvmResultsButNotAac", nullptr, nullptr, 0x80, 0x80, "240000", nullptr},
-        C5Case{"TcAskedAacGiven", nullptr, nullptr, 0x00, 0x40, nullptr, kTryOther},
+        C5Case{"TcAskedAacGiven", nullptr, nullptr, 0x00, 0x40, nullptr, kTryOtherInterface},
         C5Case{"ArqcAskedAacGiven", nullptr, nullptr, 0x00, 0x80, nullptr, nullptr},
         C5Case{"TcAskedArqcGiven", nullptr, nullptr, 0x80, 0x40, nullptr, nullptr}),
     CaseName());
@@ -292,7 +288,7 @@ TEST_F(SecondGac, ResponseAnalysis) {
     VelkCless_SetTransactionStep(0x2800);
     EXPECT_EQ(analyse("7705 9F270140 9000"), 0u);
     EXPECT_EQ(Step(), 0u);
-    EXPECT_EQ(Outcome(), kOnError);
+    EXPECT_EQ(Outcome(), kCompletedOnError);
     VelkCless_SetTransactionStep(0x2800);
     EXPECT_EQ(analyse(Response({Cid(0x40), kAtc, Tlv(0x9F26, Bytes(9, 0)), kIad})), 0u);
     EXPECT_EQ(Step(), 0u);

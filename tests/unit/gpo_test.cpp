@@ -5,12 +5,11 @@
 #include "db_access.hpp"
 #include "kernel_fixture.hpp"
 #include "named_case.hpp"
+#include "outcome_sets.hpp"
 #include "step_host.hpp"
 
 namespace velk::test {
 namespace {
-
-constexpr char kOnError[] = "5020F0F000F0FF00";
 
 class Gpo : public KernelTest {
 protected:
@@ -42,7 +41,7 @@ TEST_F(Gpo, AnEmptyPdolSelectsTheNextApplication) {
     Put(0x9F38, "");
     EXPECT_EQ(Run(), 0u);
     EXPECT_TRUE(host_.apdus.empty());
-    EXPECT_EQ(Outcome(), kOnError);
+    EXPECT_EQ(Outcome(), kCompletedOnError);
 }
 
 TEST_F(Gpo, UnreadablePdolSendsEmptyData) {

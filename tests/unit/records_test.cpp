@@ -6,6 +6,7 @@
 #include "db_access.hpp"
 #include "kernel_fixture.hpp"
 #include "named_case.hpp"
+#include "outcome_sets.hpp"
 #include "step_host.hpp"
 
 namespace velk::test {
@@ -13,8 +14,6 @@ namespace {
 
 using host::Bytes;
 using host::Tlv;
-
-constexpr char kOnError[] = "5020F0F000F0FF00";
 
 class Records : public KernelTest {
 protected:
@@ -75,7 +74,7 @@ TEST_F(Records, BadFirstEntryGoesOnToTheMandatoryCheck) {
     EXPECT_EQ(VelkCless_ReadApplicationData(nullptr, nullptr), 0u);
     EXPECT_TRUE(host_.apdus.empty());
     EXPECT_EQ(Step(), 0u);
-    EXPECT_EQ(Outcome(), kOnError);
+    EXPECT_EQ(Outcome(), kCompletedOnError);
 }
 
 TEST_F(Records, AnEntryOf255RecordsEnds) {
@@ -141,7 +140,7 @@ TEST_P(RecordsBadRecord, FailsAndEndsOnError) {
     host_.Respond(GetParam().rapdu);
     EXPECT_EQ(VelkCless_ReadApplicationData(nullptr, nullptr), 0u);
     EXPECT_EQ(Step(), 0u);
-    EXPECT_EQ(Outcome(), kOnError);
+    EXPECT_EQ(Outcome(), kCompletedOnError);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -195,7 +194,7 @@ TEST_F(Records, ExchangeFailures) {
     EXPECT_EQ(Outcome(), "40F0F0F080F0FF00");
     host_.Signal(0xA6);
     EXPECT_EQ(VelkCless_ReadApplicationData(nullptr, nullptr), 0u);
-    EXPECT_EQ(Outcome(), kOnError);
+    EXPECT_EQ(Outcome(), kCompletedOnError);
 }
 
 class Mandatory : public KernelTest {
