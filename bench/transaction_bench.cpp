@@ -167,9 +167,7 @@ Scenario OfflineApproval() {
 
 Scenario OnlineCda() {
     Scenario s{"online-cda", {}, {}, {}, "30F0F0F0A0F0FF00"};
-    s.tap.reader.terminalType = "21";
-    s.tap.gacP1 = 0x80;
-    s.tap.card.cid = "80";
+    s.tap.AskOnline();
     s.tap.tvr = "0000000000";
     OdaCard oda;
     oda.ApplyTo(s.tap);

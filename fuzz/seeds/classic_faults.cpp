@@ -123,9 +123,7 @@ TEST(Seeds, GenerateAcFaults) {
 TEST(Seeds, TwoEntries) {
     ScriptedHost host;
     FirstTap tap;
-    tap.reader.terminalType = "21";
-    tap.gacP1 = 0x80;
-    tap.card.cid = "80";
+    tap.AskOnline();
     std::vector<Reply> replies = Standard(tap);
     std::deque<Bytes> second = {FromHex("9000"), FromHex("9000"),
                                 FromHex("7714 9F270140 9F360200 01 9F2608 1122334455667788 9000"),

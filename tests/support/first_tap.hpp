@@ -169,6 +169,14 @@ struct FirstTap {
     // script) and runs the tap through Kernel_Start_VELK_.
     TapResult Run(ScriptedHost &host) const;
 
+    // An online-only reader (9F35 21): action analysis asks for an ARQC, and
+    // the card answers with the CID `cid`.
+    void AskOnline(const char *cid = "80") {
+        reader.terminalType = "21";
+        gacP1 = 0x80;
+        card.cid = cid;
+    }
+
     // ---- The second entry of an online transaction ----------------------------
     // 7F11 { 8A, 9F872B 30, 9F02, 5F2A, 9F06, 9F8201, 91, scripts }.
     Bytes SecondEntryInput(const IssuerResponse &response) const;

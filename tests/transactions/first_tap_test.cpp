@@ -506,9 +506,7 @@ TEST(FirstTap, ApprovalWithSignatureSetsTheReceiptBit) {
 TEST(FirstTap, OfflineDeclineCarriesItsDataRecord) {
     ScriptedHost host;
     FirstTap tap;
-    tap.reader.terminalType = "21";
-    tap.gacP1 = 0x80;
-    tap.card.cid = "00";
+    tap.AskOnline("00");
     const TapResult r = tap.Run(host);
     EXPECT_EQ(ToHex(r.ops), kDeclined);
     const OutcomePacket p(r.out);
@@ -522,9 +520,7 @@ TEST(FirstTap, OfflineDeclineCarriesItsDataRecord) {
 TEST(FirstTap, OnlineRequest) {
     ScriptedHost host;
     FirstTap tap;
-    tap.reader.terminalType = "21";
-    tap.gacP1 = 0x80;
-    tap.card.cid = "80";
+    tap.AskOnline();
     const TapResult r = tap.Run(host);
     EXPECT_EQ(ToHex(r.ops), kOnlineRequest);
     EXPECT_EQ(Db(0x8A), "absent");
@@ -533,9 +529,7 @@ TEST(FirstTap, OnlineRequest) {
 TEST(FirstTap, TcGivenWhenArqcWasAskedEndsTheApplication) {
     ScriptedHost host;
     FirstTap tap;
-    tap.reader.terminalType = "21";
-    tap.gacP1 = 0x80;
-    tap.card.cid = "40";
+    tap.AskOnline("40");
     EXPECT_EQ(ToHex(tap.Run(host).ops), kEndApplication);
 }
 

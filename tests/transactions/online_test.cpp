@@ -29,9 +29,7 @@ FirstTap OnlineFirstTap(bool onlineTap) {
     FirstTap tap;
     tap.reader.capabilities = onlineTap ? "060080001800" : "060010001800";
     tap.reader.options = "06";
-    tap.reader.terminalType = "21";
-    tap.gacP1 = 0x80;
-    tap.card.cid = "80";
+    tap.AskOnline();
     if (onlineTap) tap.card.gacExtra = {T(0xC5, "08")};
     return tap;
 }

@@ -33,9 +33,7 @@ std::vector<Scenario> Scenarios() {
     all.push_back({"offline approval", {}, {}});
 
     Scenario online{"online request", {}, {}};
-    online.tap.reader.terminalType = "21";
-    online.tap.gacP1 = 0x80;
-    online.tap.card.cid = "80";
+    online.tap.AskOnline();
     all.push_back(online);
 
     Scenario decline{"offline decline", online.tap, {}};

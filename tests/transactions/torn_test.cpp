@@ -172,9 +172,7 @@ FirstTap EchoOnlineTap() {
     FirstTap tap = EchoTap();
     tap.reader.capabilities = "0600A0001800";
     tap.reader.options = "16";
-    tap.reader.terminalType = "21";
-    tap.gacP1 = 0x80;
-    tap.card.cid = "80";
+    tap.AskOnline();
     tap.card.gacExtra = {T(0xC5, "08")};
     return tap;
 }
