@@ -10,7 +10,11 @@ set(VELK_KERNEL_CXX_FLAGS
     -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-use-cxa-atexit
     -fvisibility=hidden -fvisibility-inlines-hidden
     -ffunction-sections -fdata-sections
-    ${VELK_WARNINGS} -Wshadow -Wcast-align -Wglobal-constructors)
+    ${VELK_WARNINGS} -Wshadow -Wcast-align -Wglobal-constructors
+    # A distribution's hardening flags (the Debian packages are built with
+    # them) would make the library import __stack_chk_fail and the
+    # fortified __*_chk functions: the kernel imports only what it names.
+    -fno-stack-protector -U_FORTIFY_SOURCE)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   list(REMOVE_ITEM VELK_KERNEL_CXX_FLAGS -Wglobal-constructors)
   list(APPEND VELK_KERNEL_CXX_FLAGS -fno-tree-loop-distribute-patterns -Wcast-align=strict)
