@@ -61,8 +61,8 @@ section.scenario > details > summary { padding: 10px 14px; background: var(--bg)
 .kv td:first-child { color: var(--muted); white-space: nowrap; }
 table.mismatch td, table.mismatch th { border: 1px solid var(--line); padding: 3px 8px; }
 table.mismatch td.exp { color: var(--pass); } table.mismatch td.act { color: var(--fail); }
-table.bits td, table.bits th { border: 1px solid var(--line); padding: 2px 4px; font-size: 11px;
-                                width: 86px; height: 34px; vertical-align: top; color: #8c959f; }
+table.bits td, table.bits th { border: 1px solid var(--line); padding: 2px 4px; font-size: 10px;
+                                width: 56px; height: 34px; vertical-align: top; color: #8c959f; }
 table.bits th { width: auto; background: var(--bg); color: #1f2328; white-space: nowrap; }
 table.bits td.set { background: #fff1c2; color: #1f2328; font-weight: 600;
                     border: 2px solid #d4a72c; }
@@ -144,7 +144,7 @@ function esc(s) {
 }
 function verdictClass(v) { return v ? 'v-' + v.split(' ')[0] : 'v-none'; }
 function badge(v) { return '<span class="verdict ' + verdictClass(v) + '">' + esc(v || 'RUN') + '</span>'; }
-function secs(s) { return (s || 0).toFixed(2) + ' s'; }
+function secs(s) { s = s || 0; return s < 1 ? (s * 1000).toFixed(1) + ' ms' : s.toFixed(2) + ' s'; }
 function group(v) {
   if (v === 'CRASH' || v === 'TIMEOUT') return 'ERROR';
   if (v === 'UNEXPECTED PASS') return 'PENDING';
@@ -298,7 +298,7 @@ function sequence(r) {
          '<div>Card</div><div>Issuer</div></div>' + out + '</div>';
 }
 
-function bitTable(title, hex, names, rows) {
+function bitTable(title, hex, names, rows, after) {
   var bytes = [];
   for (var i = 0; i + 1 < (hex || '').length; i += 2) bytes.push(parseInt(hex.substr(i, 2), 16));
   var out = '<div><h3>' + esc(title) + (hex ? ' <code>' + esc(hex) + '</code>' : ' <span class="muted">(not in the data record)</span>') + '</h3><table class="bits">';
@@ -312,7 +312,7 @@ function bitTable(title, hex, names, rows) {
     }
     out += '</tr>';
   }
-  return out + '</table></div>';
+  return out + '</table>' + (after || '') + '</div>';
 }
 
 function bitNames(list) {
@@ -347,11 +347,11 @@ function scenarioSection(s, i) {
   if (last) {
     var get = function (tag) { var n = find(last.data_record, tag) || find(last.discretionary_data, tag); return n ? n.value : ''; };
     var cvm = find(last.data_record, '9F34');
-    var cvmNames = {};
-    if (cvm && cvm.explain) cvm.explain.forEach(function (e, k) { cvmNames[k + 1] = { 128: e }; });
     out += '<div class="bitsets">' + bitTable('TVR (95)', get('95'), bitNames(doc.bits.tvr), 5) +
            bitTable('TSI (9B)', get('9B'), bitNames(doc.bits.tsi), 2) +
-           bitTable('CVM Results (9F34)', get('9F34'), cvmNames, 3) + '</div>';
+           bitTable('CVM Results (9F34)', get('9F34'), bitNames(doc.bits.cvm_results), 3,
+                    cvm && cvm.explain ? '<ul>' + cvm.explain.map(function (e) { return '<li>' + esc(e) + '</li>'; }).join('') + '</ul>' : '') +
+           '</div>';
   }
   if (r.trace) out += '<h3>Exchange</h3>' + sequence(r);
   else if (!r.entries) out += '<p class="muted">No transaction ran.</p>';
@@ -450,7 +450,16 @@ Json Decoded(const Json &hex) {
 
 void WriteHtml(std::ostream &out, const Json &doc) {
     Json data = doc;
-    data["bits"] = {{"tvr", BitNames(ExplainTvr, 5)}, {"tsi", BitNames(ExplainTsi, 2)}};
+    // CVM Results are three codes rather than bits: the bits say which code.
+    Json cvm = Json::array({{1, 0x80, "RFU"}, {1, 0x40, "next rule if unsuccessful"}});
+    for (unsigned mask = 0x20; mask != 0; mask >>= 1)
+        cvm.push_back({1, mask, "CVM code"});
+    for (unsigned mask = 0x80; mask != 0; mask >>= 1) {
+        cvm.push_back({2, mask, "condition code"});
+        cvm.push_back({3, mask, "result code"});
+    }
+    data["bits"] = {
+        {"tvr", BitNames(ExplainTvr, 5)}, {"tsi", BitNames(ExplainTsi, 2)}, {"cvm_results", cvm}};
     // The kernel's input and output of each entry, decoded for the drawing.
     for (Json &s : data["scenarios"])
         if (s["report"].contains("entries"))

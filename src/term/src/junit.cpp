@@ -95,8 +95,8 @@ void WriteCase(std::ostream &out, const ScenarioResult &r) {
             break;
         case Verdict::kPendingFail:
         case Verdict::kPendingPass:
-            out << ">\n      <skipped message=\"" << VerdictName(r.verdict) << ": " << Xml(first)
-                << "\"/>\n";
+            out << ">\n      <skipped message=\"" << VerdictName(r.verdict) << "\">"
+                << Lines(r.details) << "</skipped>\n";
             break;
     }
     out << "      <system-out>" << Xml(r.name) << "\nresult: " << Xml(r.result)

@@ -3,7 +3,7 @@
 // 264 (version 0, event, length big-endian).
 #include <pcap/pcap.h>
 
-#include <cstring>
+#include <algorithm>
 #include <memory>
 
 #include "velk/term/outputs.hpp"
@@ -28,7 +28,9 @@ enum Event : uint8_t { kFromCard = 0xFF, kFromReader = 0xFE, kFieldOff = 0xFD, k
 // TC1 00 (neither NAD nor CID).
 constexpr uint8_t kRats[] = {0xE0, 0x80};
 constexpr uint8_t kAts[] = {0x05, 0x78, 0x80, 0x70, 0x00};
-constexpr uint8_t kIBlock = 0x02;
+constexpr uint8_t kIBlock = 0x02, kChaining = 0x10, kAck = 0xA2;
+// Frames of at most 256 bytes both ways (FSDI and FSCI 8): PCB, INF, CRC_A.
+constexpr size_t kMaxInf = 256 - 3;
 
 class Capture {
 public:
@@ -59,11 +61,34 @@ public:
         Frame(t, event, frame);
     }
 
-    void Block(TraceClock::time_point t, uint8_t event, uint8_t number,
-               std::span<const uint8_t> inf) {
-        Bytes frame{static_cast<uint8_t>(kIBlock | number)};
-        frame.insert(frame.end(), inf.begin(), inf.end());
-        WithCrc(t, event, std::move(frame));
+    // One APDU in I-blocks, chained when it does not fit one frame, each
+    // chained block acknowledged by the other side with an R-block. The
+    // reader toggles its block number on every I-block from the card and on
+    // every acknowledgement of its own blocks, as ISO/IEC 14443-4 has it.
+    void Apdu(TraceClock::time_point t, bool from_reader, std::span<const uint8_t> apdu) {
+        const uint8_t sender = from_reader ? kFromReader : kFromCard;
+        const uint8_t receiver = from_reader ? kFromCard : kFromReader;
+        size_t at = 0;
+        do {
+            const size_t n = std::min(kMaxInf, apdu.size() - at);
+            const bool last = at + n == apdu.size();
+            Bytes frame{static_cast<uint8_t>(kIBlock | (last ? 0 : kChaining) | block_)};
+            frame.insert(frame.end(), apdu.begin() + static_cast<std::ptrdiff_t>(at),
+                         apdu.begin() + static_cast<std::ptrdiff_t>(at + n));
+            WithCrc(t, sender, std::move(frame));
+            at += n;
+            if (!from_reader) block_ ^= 1;
+            if (!last) WithCrc(t, receiver, Bytes{static_cast<uint8_t>(kAck | block_)});
+            if (from_reader && !last) block_ ^= 1;
+        } while (at < apdu.size());
+    }
+
+    // A new activation: the reader starts again at block 0.
+    void Activate(TraceClock::time_point t) {
+        Frame(t, kFieldOn);
+        WithCrc(t, kFromReader, Bytes(std::begin(kRats), std::end(kRats)));
+        WithCrc(t, kFromCard, Bytes(std::begin(kAts), std::end(kAts)));
+        block_ = 0;
     }
 
     void Close(const std::filesystem::path &file) {
@@ -75,6 +100,7 @@ public:
 private:
     std::unique_ptr<pcap_t, decltype(&pcap_close)> pcap_;
     std::unique_ptr<pcap_dumper_t, decltype(&pcap_dump_close)> dumper_{nullptr, pcap_dump_close};
+    uint8_t block_ = 0;
 };
 
 }  // namespace
@@ -82,7 +108,6 @@ private:
 void WriteCapture(const std::filesystem::path &file, const Trace &trace) {
     Capture capture(file);
     bool field = false;
-    uint8_t block = 0;
     TraceClock::time_point last{};
     for (const TraceEvent &e : trace.Events()) {
         last = std::max(last, e.done);
@@ -91,18 +116,11 @@ void WriteCapture(const std::filesystem::path &file, const Trace &trace) {
             field = false;
         }
         if (e.type != TraceEvent::Type::kApdu) continue;
-        if (!field) {
-            capture.Frame(e.time, kFieldOn);
-            capture.WithCrc(e.time, kFromReader, Bytes(std::begin(kRats), std::end(kRats)));
-            capture.WithCrc(e.time, kFromCard, Bytes(std::begin(kAts), std::end(kAts)));
-            field = true;
-            block = 0;
-        }
-        capture.Block(e.time, kFromReader, block, e.first);
+        if (!field) capture.Activate(e.time);
+        field = true;
+        capture.Apdu(e.time, true, e.first);
         // No response (torn, removed): the reader's block stays unanswered.
-        if (e.second.empty()) continue;
-        capture.Block(e.done, kFromCard, block, e.second);
-        block ^= 1;
+        if (!e.second.empty()) capture.Apdu(e.done, false, e.second);
     }
     if (field) capture.Frame(last, kFieldOff);
     capture.Close(file);
