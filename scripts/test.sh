@@ -16,7 +16,8 @@ ROOT=$(pwd)
 PACKAGES="cmake ninja-build g++ gcc clang libclang-rt-14-dev pkg-config file dpkg-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev libssl-dev
   nlohmann-json3-dev libcli11-dev libpcsclite-dev pcscd vsmartcard-vpcd
-  qemu-user g++-arm-linux-gnueabihf valgrind cppcheck clang-tidy"
+  qemu-user g++-arm-linux-gnueabihf valgrind cppcheck clang-tidy
+  libpcap-dev tshark libxml2-utils chromium"
 
 if [ "$(id -u)" = 0 ] && [ -z "${VELK_SKIP_APT:-}" ]; then
   export DEBIAN_FRONTEND=noninteractive
