@@ -84,7 +84,7 @@ struct RunArgs {
     bool json = false;
     PendingNeeds pending;
     std::string junit, html, pcap_dir;
-    ColorMode color = ColorMode::kAuto;
+    std::string color = "auto";
 };
 
 double SecondsSince(std::chrono::steady_clock::time_point start) {
@@ -161,6 +161,7 @@ int Pay(const PayArgs &a) {
         card = std::move(virtual_card);
     }
     std::optional<std::ofstream> trace_file = Output(a.trace_file), html = Output(a.html);
+    if (!a.pcap.empty()) (void)OpenOutput(a.pcap);  // written by libpcap at the end
     std::vector<std::pair<TraceClock::time_point, std::string>> kernel_lines;
     if (a.trace || trace_file)
         velk::host::SetLogSink([&](const char *line) {
@@ -225,7 +226,10 @@ int Run(const RunArgs &a) {
         std::filesystem::create_directories(a.pcap_dir, ec);
         if (ec) throw OutputError(a.pcap_dir + ": " + ec.message());
     }
-    Progress progress(std::cerr, isatty(STDERR_FILENO) != 0, UseColor(a.color, STDERR_FILENO));
+    const ColorMode color = a.color == "always"  ? ColorMode::kAlways
+                            : a.color == "never" ? ColorMode::kNever
+                                                 : ColorMode::kAuto;
+    Progress progress(std::cerr, isatty(STDERR_FILENO) != 0, UseColor(color, STDERR_FILENO));
     RunOutputs outputs;
     outputs.capture_dir = a.pcap_dir;
     outputs.on_result = [&](const ScenarioResult &r, size_t done, size_t total) {
@@ -246,7 +250,7 @@ int Run(const RunArgs &a) {
     if (a.json)
         std::cout << RunJson(results, seconds).dump(2) << "\n";
     else
-        PrintScenarioTable(std::cout, results, UseColor(a.color, STDOUT_FILENO));
+        PrintScenarioTable(std::cout, results, UseColor(color, STDOUT_FILENO));
     return AllPassed(results) ? kOk : kScenarioFailed;
 }
 
@@ -320,11 +324,16 @@ int main(int argc, char **argv) {
     pay_cmd->add_option("--seed", pay.seed, "Seed for unpredictable numbers (repeatable runs)");
     pay_cmd->add_flag("--trace", pay.trace, "Show every APDU (decoded), callback and signal");
     pay_cmd->add_flag("--json", pay.json, "Print the report as one JSON document");
-    pay_cmd->add_option("--trace-file", pay.trace_file,
-                        "Write the trace (with the kernel's own lines, in order) to FILE");
-    pay_cmd->add_option("--pcap", pay.pcap,
-                        "Write the card exchange to FILE as a capture for Wireshark (ISO 14443)");
-    pay_cmd->add_option("--html", pay.html, "Write a self-contained HTML report to FILE");
+    pay_cmd
+        ->add_option("--trace-file", pay.trace_file,
+                     "Write the trace (with the kernel's own lines, in order) to FILE")
+        ->type_name("FILE");
+    pay_cmd
+        ->add_option("--pcap", pay.pcap,
+                     "Write the card exchange to FILE as a capture for Wireshark (ISO 14443)")
+        ->type_name("FILE");
+    pay_cmd->add_option("--html", pay.html, "Write a self-contained HTML report to FILE")
+        ->type_name("FILE");
     pay_cmd->add_option("--lib", pay.lib,
                         "The kernel library (default: " + KernelLibrary::DefaultPath() + ")");
 
@@ -345,20 +354,20 @@ int main(int argc, char **argv) {
     run_cmd->add_option("--pending", run.pending,
                         "Scenarios that need this (their \"needs\", e.g. second-entry) cannot "
                         "fail the run (repeatable)");
-    run_cmd->add_option("--junit", run.junit, "Write a JUnit XML report to FILE");
-    run_cmd->add_option("--html", run.html, "Write a self-contained HTML report to FILE");
-    run_cmd->add_option("--pcap-dir", run.pcap_dir,
-                        "Write each scenario's card exchange to DIR/<scenario>.pcap");
+    run_cmd->add_option("--junit", run.junit, "Write a JUnit XML report to FILE")
+        ->type_name("FILE");
+    run_cmd->add_option("--html", run.html, "Write a self-contained HTML report to FILE")
+        ->type_name("FILE");
+    run_cmd
+        ->add_option("--pcap-dir", run.pcap_dir,
+                     "Write each scenario's card exchange to DIR/<scenario>.pcap")
+        ->type_name("DIR");
     run_cmd
         ->add_option("--color", run.color,
-                     "Colour the verdicts: auto (a terminal, no NO_COLOR), "
-                     "always or never")
-        ->transform(
-            CLI::CheckedTransformer(std::map<std::string, ColorMode>{{"auto", ColorMode::kAuto},
-                                                                     {"always", ColorMode::kAlways},
-                                                                     {"never", ColorMode::kNever}},
-                                    CLI::ignore_case))
-        ->default_str("auto");
+                     "Colour the verdicts: auto (on a terminal, unless NO_COLOR is set), always "
+                     "or never")
+        ->check(CLI::IsMember({"auto", "always", "never"}))
+        ->capture_default_str();
 
     std::string decode_hex;
     bool decode_json = false;

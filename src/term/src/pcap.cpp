@@ -38,7 +38,7 @@ public:
         : pcap_(pcap_open_dead(DLT_ISO_14443, 65535), pcap_close) {
         if (!pcap_) throw OutputError(file.string() + ": libpcap cannot open a capture");
         dumper_.reset(pcap_dump_open(pcap_.get(), file.c_str()));
-        if (!dumper_) throw OutputError(file.string() + ": " + pcap_geterr(pcap_.get()));
+        if (!dumper_) throw OutputError(pcap_geterr(pcap_.get()));  // names the file
     }
 
     void Frame(TraceClock::time_point t, uint8_t event, std::span<const uint8_t> data = {}) {
