@@ -87,6 +87,12 @@ struct RunArgs {
     std::string color = "auto";
 };
 
+struct OutputOption {
+    const char *name;
+    std::string *target;
+    const char *help, *type;
+};
+
 double SecondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
@@ -324,16 +330,17 @@ int main(int argc, char **argv) {
     pay_cmd->add_option("--seed", pay.seed, "Seed for unpredictable numbers (repeatable runs)");
     pay_cmd->add_flag("--trace", pay.trace, "Show every APDU (decoded), callback and signal");
     pay_cmd->add_flag("--json", pay.json, "Print the report as one JSON document");
-    pay_cmd
-        ->add_option("--trace-file", pay.trace_file,
-                     "Write the trace (with the kernel's own lines, in order) to FILE")
-        ->type_name("FILE");
-    pay_cmd
-        ->add_option("--pcap", pay.pcap,
-                     "Write the card exchange to FILE as a capture for Wireshark (ISO 14443)")
-        ->type_name("FILE");
-    pay_cmd->add_option("--html", pay.html, "Write a self-contained HTML report to FILE")
-        ->type_name("FILE");
+    // The files a command writes besides its output: {option, variable, help, FILE or DIR}.
+    const auto outputs = [](CLI::App *cmd, std::initializer_list<OutputOption> options) {
+        for (const auto &[name, target, help, type] : options)
+            cmd->add_option(name, *target, help)->type_name(type);
+    };
+    outputs(pay_cmd,
+            {{"--trace-file", &pay.trace_file,
+              "Write the trace (with the kernel's own lines, in order) to FILE", "FILE"},
+             {"--pcap", &pay.pcap,
+              "Write the card exchange to FILE as a capture for Wireshark (ISO 14443)", "FILE"},
+             {"--html", &pay.html, "Write a self-contained HTML report to FILE", "FILE"}});
     pay_cmd->add_option("--lib", pay.lib,
                         "The kernel library (default: " + KernelLibrary::DefaultPath() + ")");
 
@@ -354,14 +361,10 @@ int main(int argc, char **argv) {
     run_cmd->add_option("--pending", run.pending,
                         "Scenarios that need this (their \"needs\", e.g. second-entry) cannot "
                         "fail the run (repeatable)");
-    run_cmd->add_option("--junit", run.junit, "Write a JUnit XML report to FILE")
-        ->type_name("FILE");
-    run_cmd->add_option("--html", run.html, "Write a self-contained HTML report to FILE")
-        ->type_name("FILE");
-    run_cmd
-        ->add_option("--pcap-dir", run.pcap_dir,
-                     "Write each scenario's card exchange to DIR/<scenario>.pcap")
-        ->type_name("DIR");
+    outputs(run_cmd, {{"--junit", &run.junit, "Write a JUnit XML report to FILE", "FILE"},
+                      {"--html", &run.html, "Write a self-contained HTML report to FILE", "FILE"},
+                      {"--pcap-dir", &run.pcap_dir,
+                       "Write each scenario's card exchange to DIR/<scenario>.pcap", "DIR"}});
     run_cmd
         ->add_option("--color", run.color,
                      "Colour the verdicts: auto (on a terminal, unless NO_COLOR is set), always "
