@@ -19,3 +19,17 @@ run() {
 }
 
 fail() { echo "FAILED: $*" >&2; exit 1; }
+
+# A folder of three scenarios: one that passes, one that fails (an
+# expectation changed), one that cannot be loaded.
+mixed_folder() { # folder
+  mkdir -p "$1"
+  cp "$SCENARIOS/03-offline-approved.json" "$1/a-pass.json"
+  python3 - "$SCENARIOS/03-offline-approved.json" "$1/b-fail.json" <<'PY'
+import json, sys
+s = json.load(open(sys.argv[1]))
+s["expect"]["outcome"] = "DECLINED"
+json.dump(s, open(sys.argv[2], "w"))
+PY
+  echo '{"name": "broken", "card": "no-such-card"}' >"$1/c-error.json"
+}

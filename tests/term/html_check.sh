@@ -1,5 +1,6 @@
 #!/bin/sh
-# The HTML reports of a run and of one transaction in headless Chromium:
+# The HTML reports of runs (the bundled scenarios; a pass, a failure and an
+# error) and of one transaction in headless Chromium:
 # rendered to the end (the page's last step marks it) without a script error
 # (the page's window.onerror marks one), the table with a row per scenario.
 # The run's screenshot stays in WORK for CI to keep.
@@ -26,6 +27,10 @@ check() { # page, rows expected
 
 run "$SCENARIOS" --html "$WORK/run.html" --json >"$WORK/run.json" 2>/dev/null
 check "$WORK/run.html" "$(python3 -c 'import json,sys; print(len(json.load(open(sys.argv[1]))["scenarios"]))' "$WORK/run.json")"
+
+mixed_folder "$WORK/mixed"
+run "$WORK/mixed" --html "$WORK/mixed.html" >/dev/null 2>&1
+check "$WORK/mixed.html" 3
 
 "$VELK_TERM" pay --lib "$LIB" --card online-cda --seed 1 --date 250615 --time 120000 \
   --html "$WORK/pay.html" >/dev/null || fail "velk-term pay exited with $?"

@@ -25,16 +25,7 @@ print(s["scenarios"], s["failed"], errors, s["scenarios"], s["failed"], errors)'
 
 check "$SCENARIOS" bundled
 
-# One passing, one failing (an expectation changed), one broken scenario.
-MIXED=$WORK/mixed && mkdir -p "$MIXED"
-cp "$SCENARIOS/03-offline-approved.json" "$MIXED/a-pass.json"
-python3 - "$SCENARIOS/03-offline-approved.json" "$MIXED/b-fail.json" <<'PY'
-import json, sys
-s = json.load(open(sys.argv[1]))
-s["expect"]["outcome"] = "DECLINED"
-json.dump(s, open(sys.argv[2], "w"))
-PY
-echo '{"name": "broken", "card": "no-such-card"}' >"$MIXED/c-error.json"
+MIXED=$WORK/mixed && mixed_folder "$MIXED"
 check "$MIXED" mixed
 [ "$(xmllint --xpath 'string(//testcase[@name="b-fail"]/failure)' "$WORK/mixed.xml")" != "" ] ||
   fail "mixed: the failure does not carry the mismatch"
