@@ -87,6 +87,12 @@ struct RunArgs {
     std::string color = "auto";
 };
 
+// A card's bytes that reach the report as text (a language preference, say)
+// need not be UTF-8: they are printed with U+FFFD instead.
+std::string Dump(const nlohmann::ordered_json &j) {
+    return j.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
 struct OutputOption {
     const char *name;
     std::string *target;
@@ -189,7 +195,7 @@ int Pay(const PayArgs &a) {
         CloseOutput(*html, a.html);
     }
     if (a.json)
-        std::cout << ReportJson(report, a.trace).dump(2) << "\n";
+        std::cout << Dump(ReportJson(report, a.trace)) << "\n";
     else
         PrintReport(std::cout, report, a.trace);
     return report.completed ? kOk : kNoOutcome;
@@ -254,7 +260,7 @@ int Run(const RunArgs &a) {
         CloseOutput(*html, a.html);
     }
     if (a.json)
-        std::cout << RunJson(results, seconds).dump(2) << "\n";
+        std::cout << Dump(RunJson(results, seconds)) << "\n";
     else
         PrintScenarioTable(std::cout, results, UseColor(color, STDOUT_FILENO));
     return AllPassed(results) ? kOk : kScenarioFailed;

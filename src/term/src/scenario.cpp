@@ -294,7 +294,9 @@ ScenarioResult RunInChild(const std::filesystem::path &file, const std::string &
     }
     if (pid == 0) {
         close(fds[0]);
-        const std::string text = ResultJson(RunScenario(file, lib, pending, capture)).dump();
+        // A card's bytes (a language preference, say) need not be UTF-8.
+        const std::string text = ResultJson(RunScenario(file, lib, pending, capture))
+                                     .dump(-1, ' ', false, Json::error_handler_t::replace);
         size_t sent = 0;
         while (sent < text.size()) {
             const ssize_t w = write(fds[1], text.data() + sent, text.size() - sent);
