@@ -10,8 +10,12 @@ namespace velk::term {
 namespace {
 
 // Text for an attribute or element; characters XML 1.0 cannot carry
-// (control characters, as a card error might quote) become '?'.
-std::string Xml(const std::string &text) {
+// (control characters, as a card error might quote) become '?', bytes that
+// are not UTF-8 U+FFFD.
+std::string Xml(const std::string &raw) {
+    const auto utf8 = nlohmann::json::parse(
+        nlohmann::json(raw).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    const std::string &text = utf8.get_ref<const std::string &>();
     std::string out;
     for (const char c : text) {
         switch (c) {
