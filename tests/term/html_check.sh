@@ -10,8 +10,8 @@ CHROMIUM=$(command -v chromium || command -v chromium-browser || true)
 [ -n "$CHROMIUM" ] || { echo "chromium is not installed: skipped"; exit 77; }
 
 chromium() { # what to do, then the page
-  timeout 120 "$CHROMIUM" --headless --no-sandbox --disable-gpu --hide-scrollbars \
-    --user-data-dir="$WORK/chromium" "$@" 2>>"$WORK/chromium.log"
+  timeout 120 "$CHROMIUM" --headless --no-sandbox --disable-gpu --disable-dev-shm-usage \
+    --hide-scrollbars --user-data-dir="$WORK/chromium" "$@" 2>>"$WORK/chromium.log"
 }
 
 check() { # page, rows expected
