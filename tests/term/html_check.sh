@@ -4,6 +4,7 @@
 # rendered to the end (the page's last step marks it) without a script error
 # (the page's window.onerror marks one), the table with a row per scenario.
 # The run's screenshot stays in WORK for CI to keep.
+# shellcheck source=tests/term/common.sh
 . "$(dirname "$0")/common.sh"
 need python3
 CHROMIUM=$(command -v chromium || command -v chromium-browser || true)

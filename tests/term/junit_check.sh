@@ -2,6 +2,7 @@
 # The JUnit report of a run: well-formed, in Ant's shape (junit.xsd), and its
 # counts those of the run's own summary, over the bundled scenarios and over
 # a folder with one scenario of each kind (pass, fail, error).
+# shellcheck source=tests/term/common.sh
 . "$(dirname "$0")/common.sh"
 need xmllint python3
 XSD=$(dirname "$0")/junit.xsd
