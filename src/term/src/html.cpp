@@ -270,7 +270,7 @@ function sequence(r) {
       case 'callback':
         if (e.command.indexOf('F1 ') === 0) break;  // drawn as its APDU
         out += row(e.ms, LANES.K, LANES.T, esc(e.command), tlv(e.request_decoded));
-        out += row(e.reply_ms, LANES.T, LANES.K, e.status ? 'failed, status ' + esc(e.status) : 'reply',
+        out += row(e.reply_ms, LANES.T, LANES.K, e.status ? 'failed, status 0x' + e.status.toString(16).toUpperCase() : 'reply',
                    e.reply_decoded ? tlv(e.reply_decoded) : '<span class="muted">empty</span>',
                    e.status ? 'bad' : '');
         break;
