@@ -19,7 +19,8 @@ PACKAGES="cmake ninja-build g++ gcc clang libclang-rt-14-dev pkg-config file dpk
   debhelper lintian help2man man-db crossbuild-essential-armhf
   googletest libgtest-dev libgmock-dev libbenchmark-dev libssl-dev
   nlohmann-json3-dev libcli11-dev libpcsclite-dev pcscd vsmartcard-vpcd
-  libpcap-dev qemu-user g++-arm-linux-gnueabihf valgrind cppcheck clang-tidy"
+  libpcap-dev qemu-user g++-arm-linux-gnueabihf valgrind cppcheck clang-tidy
+  tshark libxml2-utils chromium"
 PACKAGES_ARMHF="libc6:armhf"
 
 if [ "$(id -u)" = 0 ] && [ -z "${VELK_SKIP_APT:-}" ]; then

@@ -100,9 +100,9 @@ TEST_F(HostTest, DisplayPowerOffExceptionFileAndRevocation) {
     EXPECT_EQ(Call(0xD7, Tlv(0xDF8116, uird)), FromHex("7F0100"));
     const auto &events = trace_.Events();
     ASSERT_GE(events.size(), 2u);
-    EXPECT_EQ(events[events.size() - 2].type,
-              TraceEvent::Type::kDisplay);  // then the callback itself
-    EXPECT_EQ(events[events.size() - 2].first, uird);
+    EXPECT_EQ(events[events.size() - 2].type, TraceEvent::Type::kCallback);  // then what it does
+    EXPECT_EQ(events.back().type, TraceEvent::Type::kDisplay);
+    EXPECT_EQ(events.back().first, uird);
 
     const auto listed = [&](const char *pan, const char *psn) {
         return Value(Call(0xE6, Cat({Tlv(0x5A, FromHex(pan)), Tlv(0x5F34, FromHex(psn))})), 0xDF05);
@@ -190,7 +190,12 @@ TEST_F(HostTest, AnApduGoesToTheCardAndItsResponseComesBackInDf03) {
     const auto r = Value(reply, 0xDF03);
     ASSERT_TRUE(r);
     EXPECT_EQ(velk::card::StatusWord(*r), 0x9000);
-    EXPECT_EQ(trace_.Events().back().type, TraceEvent::Type::kCallback);
+    // The F1 request comes first, then the exchange it carries.
+    const auto &events = trace_.Events();
+    ASSERT_GE(events.size(), 2u);
+    EXPECT_EQ(events[events.size() - 2].type, TraceEvent::Type::kCallback);
+    EXPECT_EQ(events[events.size() - 2].second, reply);
+    EXPECT_EQ(events.back().type, TraceEvent::Type::kApdu);
 }
 
 // A card whose failure is not a card error: the exception stops at the

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "term/term_test.hpp"
+#include "velk/term/outputs.hpp"
 #include "velk/term/scenario.hpp"
 
 namespace velk::term::test {
@@ -106,7 +107,7 @@ TEST(Scenarios, AFolderRunsEachScenarioInItsOwnProcess) {
         << results[1].details[0];
     EXPECT_EQ(results[2].verdict, Verdict::kError);  // pending does not hide a broken scenario
     std::ostringstream table;
-    PrintScenarioTable(table, results);
+    PrintScenarioTable(table, results, false);
     EXPECT_NE(table.str().find("3 scenario(s): 3 ERROR"), std::string::npos) << table.str();
 }
 

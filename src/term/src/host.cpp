@@ -80,10 +80,11 @@ uint32_t Host::OnCallback(uint8_t *buf, uint32_t *len) {
         return kHostMalformedRequest;
     }
     const uint8_t command = command_node->value[0];
+    const size_t traced = trace_.Callback(entry_, command, request);
     const auto it = kHandlers.find(command);
     if (it == kHandlers.end()) {
         OnHostError("unknown callback command " + velk::host::ToHex(Bytes{command}));
-        trace_.Callback(entry_, command, request, {}, kHostUnknownCommand);
+        trace_.Answer(traced, {}, kHostUnknownCommand);
         return kHostUnknownCommand;
     }
     Reply reply = (this->*(it->second))(payload);
@@ -98,7 +99,7 @@ uint32_t Host::OnCallback(uint8_t *buf, uint32_t *len) {
         std::memcpy(buf, encoded.data(), encoded.size());
         *len = static_cast<uint32_t>(encoded.size());
     }
-    trace_.Callback(entry_, command, request, encoded, reply.status);
+    trace_.Answer(traced, encoded, reply.status);
     return reply.status;
 }
 
@@ -165,6 +166,7 @@ Host::Reply Host::Display(const Request &r) {
 }
 
 Host::Reply Host::PowerOff(const Request &) {
+    trace_.PowerOff(entry_, "the kernel's power-off");
     card_.PowerOff();
     return {};
 }
@@ -194,12 +196,13 @@ Host::Reply Host::Apdu(const Request &r) {
         return {kHostMalformedRequest, 0x7F01, {}};
     }
     const std::string name = velk::card::KindName(velk::card::Classify(*command));
+    const auto sent = TraceClock::now();
     try {
         Bytes response = card_.Transmit(*command);
-        trace_.Apdu(entry_, name, *command, response);
+        trace_.Apdu(entry_, name, *command, response, {}, sent);
         return {0, 0x7F01, Tlv(0xDF03, response)};
     } catch (const CardError &e) {
-        trace_.Apdu(entry_, name, *command, {}, e.what());
+        trace_.Apdu(entry_, name, *command, {}, e.what(), sent);
         // No response in the reply: the kernel waits for the signal instead.
         switch (e.kind()) {
             case CardErrorKind::kCancelled:
@@ -234,6 +237,7 @@ Host::Reply Host::Restart(const Request &r) {
     ++restarts_;
     trace_.Note(entry_, "the kernel asks for the card to be presented again");
     if (const auto ui = RequestValue(r, 0x9F8117)) trace_.Display(entry_, *ui);
+    trace_.PowerOff(entry_, "the card is to be presented again");
     card_.PowerOff();
     if (on_restart) on_restart();
     return {};

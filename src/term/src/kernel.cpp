@@ -1,6 +1,7 @@
 #include "velk/term/kernel.hpp"
 
 #include <dlfcn.h>
+#include <link.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -45,6 +46,21 @@ KernelLibrary::KernelLibrary(const std::string &path) {
 
 KernelLibrary::~KernelLibrary() {
     if (handle_ != nullptr) dlclose(handle_);
+}
+
+std::string KernelLibraryFile(const std::string &path) {
+    const KernelLibrary library(path);
+    // The path as the loader resolved it (it may have searched for a bare
+    // soname), then the symbolic links followed to the versioned file.
+    void *handle = dlopen(path.c_str(), RTLD_NOW | RTLD_NOLOAD);
+    link_map *map = nullptr;
+    std::string loaded = path;
+    if (handle != nullptr && dlinfo(handle, RTLD_DI_LINKMAP, &map) == 0 && map != nullptr)
+        loaded = map->l_name;
+    if (handle != nullptr) dlclose(handle);
+    std::error_code ec;
+    const auto real = std::filesystem::canonical(loaded, ec);
+    return ec ? loaded : real.string();
 }
 
 std::string KernelLibrary::DefaultPath() {

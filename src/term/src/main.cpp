@@ -2,6 +2,8 @@
 // virtual card or a card on a PC/SC reader, and explains the outcome.
 #include <CLI/CLI.hpp>
 
+#include <unistd.h>
+
 #include <atomic>
 #include <csignal>
 #include <iostream>
@@ -13,6 +15,7 @@
 #include "velk/card/vpcd.hpp"
 #include "velk/host/framework.hpp"
 #include "velk/term/explain.hpp"
+#include "velk/term/outputs.hpp"
 #include "velk/term/profiles.hpp"
 #include "velk/term/report.hpp"
 #include "velk/term/scenario.hpp"
@@ -31,6 +34,7 @@ enum Exit : int {
     kKernelLoad = 4,
     kCardError = 5,
     kNoOutcome = 6,
+    kOutput = 7,
     kInternal = 70,
 };
 
@@ -43,7 +47,11 @@ constexpr const char *kExitCodes =
     "  4  the kernel library could not be loaded\n"
     "  5  card or reader error (PC/SC, vpcd)\n"
     "  6  the kernel ended without an outcome\n"
+    "  7  an output file (--junit, --html, --pcap, --trace-file...) could not be written\n"
     " 70  internal error";
+
+// Each subcommand's help points at the one table.
+constexpr const char *kSeeExitCodes = "Exit codes: see velk-term --help.";
 
 std::atomic<bool> g_stop{false};
 
@@ -66,8 +74,52 @@ struct PayArgs {
     std::optional<uint64_t> seed;
     bool trace = false;
     bool json = false;
+    std::string trace_file, pcap, html;
     std::string lib;
 };
+
+struct RunArgs {
+    std::string dir, lib;
+    int timeout = 120;
+    bool json = false;
+    PendingNeeds pending;
+    std::string junit, html, pcap_dir;
+    std::string color = "auto";
+};
+
+// A card's bytes that reach the report as text (a language preference, say)
+// need not be UTF-8: they are printed with U+FFFD instead.
+std::string Dump(const nlohmann::ordered_json &j) {
+    return j.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+struct OutputOption {
+    const char *name;
+    std::string *target;
+    const char *help, *type;
+};
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// An output file of the command, opened before the transactions run so that
+// a path that cannot be written fails at once.
+std::optional<std::ofstream> Output(const std::string &path) {
+    if (path.empty()) return std::nullopt;
+    return OpenOutput(path);
+}
+
+std::string LibraryVersion() {
+    try {
+        const std::string file = KernelLibraryFile(KernelLibrary::DefaultPath());
+        const size_t so = file.rfind(".so.");
+        return "libvelk " + (so == std::string::npos ? std::string("?") : file.substr(so + 4)) +
+               " (" + file + ")";
+    } catch (const KernelLoadError &e) {
+        return std::string("libvelk: ") + e.what();
+    }
+}
 
 std::string Lib(const std::string &lib) {
     return lib.empty() ? KernelLibrary::DefaultPath() : lib;
@@ -120,10 +172,30 @@ int Pay(const PayArgs &a) {
         secrets = SecretsOf(*virtual_card);
         card = std::move(virtual_card);
     }
-    if (a.trace) velk::host::SetLogSink([](const char *line) { std::cerr << "kernel: " << line; });
-    const TransactionReport report = RunTransaction(kernel.Api(), terminal, *card, o, secrets);
+    std::optional<std::ofstream> trace_file = Output(a.trace_file), html = Output(a.html);
+    if (!a.pcap.empty()) (void)OpenOutput(a.pcap);  // written by libpcap at the end
+    std::vector<std::pair<TraceClock::time_point, std::string>> kernel_lines;
+    if (a.trace || trace_file)
+        velk::host::SetLogSink([&](const char *line) {
+            if (a.trace) std::cerr << "kernel: " << line;
+            if (trace_file) kernel_lines.emplace_back(TraceClock::now(), line);
+        });
+    const auto start = std::chrono::steady_clock::now();
+    TransactionReport report = RunTransaction(kernel.Api(), terminal, *card, o, secrets);
+    const double seconds = SecondsSince(start);
+    velk::host::SetLogSink(nullptr);
+    if (trace_file) {
+        report.trace.MergeKernelLines(kernel_lines);
+        PrintTrace(*trace_file, report.trace);
+        CloseOutput(*trace_file, a.trace_file);
+    }
+    if (!a.pcap.empty()) WriteCapture(a.pcap, report.trace);
+    if (html) {
+        WriteHtml(*html, PayJson(ReportJson(report, true), seconds));
+        CloseOutput(*html, a.html);
+    }
     if (a.json)
-        std::cout << ReportJson(report, a.trace).dump(2) << "\n";
+        std::cout << Dump(ReportJson(report, a.trace)) << "\n";
     else
         PrintReport(std::cout, report, a.trace);
     return report.completed ? kOk : kNoOutcome;
@@ -157,23 +229,40 @@ int Tvr(const std::string &hex) {
     return kOk;
 }
 
-int Run(const std::string &dir, const std::string &lib, int timeout, bool json,
-        const PendingNeeds &pending) {
-    if (!std::filesystem::is_directory(dir))
-        throw ProfileError(dir + ": not a folder of scenarios");
-    const auto results = RunScenarioFolder(dir, Lib(lib), std::chrono::seconds(timeout), pending);
-    if (json) {
-        nlohmann::ordered_json j = nlohmann::ordered_json::array();
-        for (const ScenarioResult &r : results)
-            j.push_back({{"file", r.file},
-                         {"name", r.name},
-                         {"verdict", VerdictName(r.verdict)},
-                         {"result", r.result},
-                         {"details", r.details}});
-        std::cout << j.dump(2) << "\n";
-    } else {
-        PrintScenarioTable(std::cout, results);
+int Run(const RunArgs &a) {
+    if (!std::filesystem::is_directory(a.dir))
+        throw ProfileError(a.dir + ": not a folder of scenarios");
+    std::optional<std::ofstream> junit = Output(a.junit), html = Output(a.html);
+    if (!a.pcap_dir.empty()) {
+        std::error_code ec;
+        std::filesystem::create_directories(a.pcap_dir, ec);
+        if (ec) throw OutputError(a.pcap_dir + ": " + ec.message());
     }
+    const ColorMode color = a.color == "always"  ? ColorMode::kAlways
+                            : a.color == "never" ? ColorMode::kNever
+                                                 : ColorMode::kAuto;
+    Progress progress(std::cerr, isatty(STDERR_FILENO) != 0, UseColor(color, STDERR_FILENO));
+    RunOutputs outputs;
+    outputs.capture_dir = a.pcap_dir;
+    outputs.on_result = [&](const ScenarioResult &r, size_t done, size_t total) {
+        progress.Done(r, done, total);
+    };
+    const auto start = std::chrono::steady_clock::now();
+    const auto results =
+        RunScenarioFolder(a.dir, Lib(a.lib), std::chrono::seconds(a.timeout), a.pending, outputs);
+    const double seconds = SecondsSince(start);
+    if (junit) {
+        WriteJunit(*junit, results, seconds);
+        CloseOutput(*junit, a.junit);
+    }
+    if (html) {
+        WriteHtml(*html, RunJson(results, seconds));
+        CloseOutput(*html, a.html);
+    }
+    if (a.json)
+        std::cout << Dump(RunJson(results, seconds)) << "\n";
+    else
+        PrintScenarioTable(std::cout, results, UseColor(color, STDOUT_FILENO));
     return AllPassed(results) ? kOk : kScenarioFailed;
 }
 
@@ -193,7 +282,8 @@ int ServeVpcd(const std::string &card_name, const std::string &host, uint16_t po
 std::vector<std::string> WithDefaultCommand(int argc, char **argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
     const bool option_first = !args.empty() && args[0].size() > 1 && args[0][0] == '-';
-    if (args.empty() || (option_first && args[0] != "-h" && args[0] != "--help"))
+    if (args.empty() ||
+        (option_first && args[0] != "-h" && args[0] != "--help" && args[0] != "--version"))
         args.insert(args.begin(), "pay");
     std::reverse(args.begin(), args.end());  // CLI11 takes them in reverse
     return args;
@@ -208,10 +298,13 @@ int main(int argc, char **argv) {
     CLI::App app{"velk-term: contactless transactions through libvelk, explained", "velk-term"};
     app.footer(kExitCodes);
     app.require_subcommand(1);
+    app.set_version_flag("--version", [] {
+        return std::string("velk-term ") + VELK_VERSION + "\n" + LibraryVersion();
+    });
 
     PayArgs pay;
     CLI::App *pay_cmd = app.add_subcommand("pay", "Run a transaction (the default command)");
-    pay_cmd->footer(kExitCodes);
+    pay_cmd->footer(kSeeExitCodes);
     auto *card_opt = pay_cmd
                          ->add_option("--card", pay.card,
                                       "Virtual card: a profile file or a bundled card's name")
@@ -243,38 +336,58 @@ int main(int argc, char **argv) {
     pay_cmd->add_option("--seed", pay.seed, "Seed for unpredictable numbers (repeatable runs)");
     pay_cmd->add_flag("--trace", pay.trace, "Show every APDU (decoded), callback and signal");
     pay_cmd->add_flag("--json", pay.json, "Print the report as one JSON document");
+    // The files a command writes besides its output: {option, variable, help, FILE or DIR}.
+    const auto outputs = [](CLI::App *cmd, std::initializer_list<OutputOption> options) {
+        for (const auto &[name, target, help, type] : options)
+            cmd->add_option(name, *target, help)->type_name(type);
+    };
+    outputs(pay_cmd,
+            {{"--trace-file", &pay.trace_file,
+              "Write the trace (with the kernel's own lines, in order) to FILE", "FILE"},
+             {"--pcap", &pay.pcap,
+              "Write the card exchange to FILE as a capture for Wireshark (ISO 14443)", "FILE"},
+             {"--html", &pay.html, "Write a self-contained HTML report to FILE", "FILE"}});
     pay_cmd->add_option("--lib", pay.lib,
                         "The kernel library (default: " + KernelLibrary::DefaultPath() + ")");
 
     CLI::App *readers_cmd = app.add_subcommand("readers", "List the PC/SC readers");
-    readers_cmd->footer(kExitCodes);
+    readers_cmd->footer(kSeeExitCodes);
 
-    std::string run_dir, run_lib;
-    int run_timeout = 120;
-    bool run_json = false;
-    PendingNeeds run_pending;
+    RunArgs run;
     CLI::App *run_cmd =
         app.add_subcommand("run", "Run a folder of scenarios and print a pass/fail table");
-    run_cmd->footer(kExitCodes);
-    run_cmd->add_option("DIR", run_dir, "Folder of scenario files (*.json)")->required();
-    run_cmd->add_option("--lib", run_lib, "The kernel library");
-    run_cmd->add_option("--timeout", run_timeout, "Seconds allowed per scenario")
+    run_cmd->footer(kSeeExitCodes);
+    run_cmd->add_option("DIR", run.dir, "Folder of scenario files (*.json)")->required();
+    run_cmd->add_option("--lib", run.lib, "The kernel library");
+    run_cmd->add_option("--timeout", run.timeout, "Seconds allowed per scenario")
         ->capture_default_str();
-    run_cmd->add_flag("--json", run_json, "Print the results as JSON");
-    run_cmd->add_option("--pending", run_pending,
+    run_cmd->add_flag("--json", run.json,
+                      "Print the results as one JSON document (summary, then each scenario with "
+                      "its whole report)");
+    run_cmd->add_option("--pending", run.pending,
                         "Scenarios that need this (their \"needs\", e.g. second-entry) cannot "
                         "fail the run (repeatable)");
+    outputs(run_cmd, {{"--junit", &run.junit, "Write a JUnit XML report to FILE", "FILE"},
+                      {"--html", &run.html, "Write a self-contained HTML report to FILE", "FILE"},
+                      {"--pcap-dir", &run.pcap_dir,
+                       "Write each scenario's card exchange to DIR/<scenario>.pcap", "DIR"}});
+    run_cmd
+        ->add_option("--color", run.color,
+                     "Colour the verdicts: auto (on a terminal, unless NO_COLOR is set), always "
+                     "or never")
+        ->check(CLI::IsMember({"auto", "always", "never"}))
+        ->capture_default_str();
 
     std::string decode_hex;
     bool decode_json = false;
     CLI::App *decode_cmd = app.add_subcommand("decode", "Decode TLV data with tag names");
-    decode_cmd->footer(kExitCodes);
+    decode_cmd->footer(kSeeExitCodes);
     decode_cmd->add_option("HEX", decode_hex, "TLV data in hex")->required();
     decode_cmd->add_flag("--json", decode_json, "Print as JSON");
 
     std::string tvr_hex;
     CLI::App *tvr_cmd = app.add_subcommand("tvr", "Explain Terminal Verification Results in words");
-    tvr_cmd->footer(kExitCodes);
+    tvr_cmd->footer(kSeeExitCodes);
     tvr_cmd->add_option("HEX", tvr_hex, "The 5 bytes of the TVR in hex")->required();
 
     std::string serve_card = "online-cda", serve_host = "localhost";
@@ -282,7 +395,7 @@ int main(int argc, char **argv) {
     int serve_wait = 10;
     CLI::App *serve_cmd =
         app.add_subcommand("serve-vpcd", "Serve a virtual card to the vpcd reader driver of pcscd");
-    serve_cmd->footer(kExitCodes);
+    serve_cmd->footer(kSeeExitCodes);
     serve_cmd->add_option("--card", serve_card, "Virtual card: a profile file or a bundled name")
         ->capture_default_str();
     serve_cmd->add_option("--host", serve_host, "Where vpcd listens")->capture_default_str();
@@ -302,7 +415,7 @@ int main(int argc, char **argv) {
     try {
         if (*pay_cmd) return Pay(pay);
         if (*readers_cmd) return Readers();
-        if (*run_cmd) return Run(run_dir, run_lib, run_timeout, run_json, run_pending);
+        if (*run_cmd) return Run(run);
         if (*decode_cmd) return Decode(decode_hex, decode_json);
         if (*tvr_cmd) return Tvr(tvr_hex);
         if (*serve_cmd) return ServeVpcd(serve_card, serve_host, serve_port, serve_wait);
@@ -318,6 +431,9 @@ int main(int argc, char **argv) {
     } catch (const CardError &e) {
         std::cerr << "velk-term: " << e.what() << "\n";
         return kCardError;
+    } catch (const OutputError &e) {
+        std::cerr << "velk-term: " << e.what() << "\n";
+        return kOutput;
     } catch (const std::invalid_argument &e) {
         std::cerr << "velk-term: " << e.what() << "\n";
         return kUsage;

@@ -177,19 +177,36 @@ void PrintTrace(std::ostream &out, const Trace &trace) {
             case TraceEvent::Type::kNote:
                 out << at << e.text << "\n";
                 break;
+            case TraceEvent::Type::kPowerOff:
+                out << at << "card power-off (" << e.text << ")\n";
+                break;
+            case TraceEvent::Type::kKernel:
+                out << at << "kernel: " << e.text
+                    << (e.text.empty() || e.text.back() != '\n' ? "\n" : "");
+                break;
         }
     }
 }
 
 Json TraceJson(const Trace &trace) {
     Json events = Json::array();
+    const auto start = trace.Events().empty() ? TraceClock::time_point{} : trace.Events()[0].time;
+    const auto ms = [&](TraceClock::time_point t) {
+        return std::chrono::duration<double, std::milli>(t - start).count();
+    };
     for (const TraceEvent &e : trace.Events()) {
-        Json j{{"entry", e.entry}};
+        Json j{{"entry", e.entry}, {"ms", ms(e.time)}};
         switch (e.type) {
             case TraceEvent::Type::kApdu: {
                 j["type"] = "apdu";
                 j["command"] = ToHex(e.first);
                 j["name"] = e.text;
+                j["response_ms"] = ms(e.done);
+                // Of the commands' data only GET PROCESSING OPTIONS' is TLV (83).
+                if (velk::card::Classify(e.first) == velk::card::CommandKind::kGpo) try {
+                        j["command_decoded"] = DecodeJson(velk::card::ParseCommand(e.first).data);
+                    } catch (const std::invalid_argument &) {
+                    }
                 if (!e.second.empty()) {
                     j["response"] = ToHex(e.second);
                     const auto data = velk::card::ResponseData(e.second);
@@ -203,6 +220,11 @@ Json TraceJson(const Trace &trace) {
                 j["request"] = ToHex(e.first);
                 j["reply"] = ToHex(e.second);
                 j["status"] = e.status;
+                j["reply_ms"] = ms(e.done);
+                if (e.code != 0xF1) {  // an APDU's is shown with the APDU
+                    j["request_decoded"] = DecodeJson(e.first);
+                    if (!e.second.empty()) j["reply_decoded"] = DecodeJson(e.second);
+                }
                 break;
             case TraceEvent::Type::kSignal:
                 j["type"] = "signal";
@@ -217,6 +239,14 @@ Json TraceJson(const Trace &trace) {
                 break;
             case TraceEvent::Type::kNote:
                 j["type"] = "note";
+                j["text"] = e.text;
+                break;
+            case TraceEvent::Type::kPowerOff:
+                j["type"] = "power-off";
+                j["why"] = e.text;
+                break;
+            case TraceEvent::Type::kKernel:
+                j["type"] = "kernel";
                 j["text"] = e.text;
                 break;
         }

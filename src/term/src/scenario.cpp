@@ -7,10 +7,11 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iomanip>
 
 #include "velk/card/virtual_card.hpp"
+#include "velk/term/outputs.hpp"
 #include "velk/term/profiles.hpp"
+#include "velk/term/report.hpp"
 
 namespace velk::term {
 
@@ -204,7 +205,7 @@ const char *VerdictName(Verdict v) {
 }
 
 ScenarioResult RunScenario(const std::filesystem::path &file, const std::string &lib,
-                           const PendingNeeds &pending) {
+                           const PendingNeeds &pending, const std::filesystem::path &capture) {
     ScenarioResult out;
     out.file = file.filename().string();
     try {
@@ -226,6 +227,8 @@ ScenarioResult RunScenario(const std::filesystem::path &file, const std::string 
         const TransactionReport report =
             RunTransaction(kernel.Api(), terminal, card, options, SecretsOf(card));
         out.result = report.result;
+        out.report = ReportJson(report, true);
+        if (!capture.empty()) WriteCapture(capture, report.trace);
         out.details = CheckExpectations(s.expect, report);
         const bool passed = out.details.empty();
         const bool is_pending = IsPending(s, pending);
@@ -247,11 +250,8 @@ ScenarioResult RunScenario(const std::filesystem::path &file, const std::string 
 namespace {
 
 Json ResultJson(const ScenarioResult &r) {
-    return {{"file", r.file},
-            {"name", r.name},
-            {"verdict", static_cast<int>(r.verdict)},
-            {"result", r.result},
-            {"details", r.details}};
+    return {{"file", r.file},     {"name", r.name},       {"verdict", static_cast<int>(r.verdict)},
+            {"result", r.result}, {"details", r.details}, {"report", r.report}};
 }
 
 ScenarioResult ResultFromJson(const Json &j) {
@@ -261,6 +261,7 @@ ScenarioResult ResultFromJson(const Json &j) {
     r.verdict = static_cast<Verdict>(j.at("verdict").get<int>());
     r.result = j.at("result").get<std::string>();
     r.details = j.at("details").get<std::vector<std::string>>();
+    r.report = j.at("report");
     return r;
 }
 
@@ -275,7 +276,8 @@ bool Pending(const std::filesystem::path &file, const PendingNeeds &pending) {
 }
 
 ScenarioResult RunInChild(const std::filesystem::path &file, const std::string &lib,
-                          std::chrono::seconds timeout, const PendingNeeds &pending) {
+                          std::chrono::seconds timeout, const PendingNeeds &pending,
+                          const std::filesystem::path &capture) {
     ScenarioResult failed;
     failed.file = file.filename().string();
     int fds[2];
@@ -292,7 +294,9 @@ ScenarioResult RunInChild(const std::filesystem::path &file, const std::string &
     }
     if (pid == 0) {
         close(fds[0]);
-        const std::string text = ResultJson(RunScenario(file, lib, pending)).dump();
+        // A card's bytes (a language preference, say) need not be UTF-8.
+        const std::string text = ResultJson(RunScenario(file, lib, pending, capture))
+                                     .dump(-1, ' ', false, Json::error_handler_t::replace);
         size_t sent = 0;
         while (sent < text.size()) {
             const ssize_t w = write(fds[1], text.data() + sent, text.size() - sent);
@@ -353,39 +357,25 @@ ScenarioResult RunInChild(const std::filesystem::path &file, const std::string &
 
 std::vector<ScenarioResult> RunScenarioFolder(const std::filesystem::path &dir,
                                               const std::string &lib, std::chrono::seconds timeout,
-                                              const PendingNeeds &pending) {
+                                              const PendingNeeds &pending,
+                                              const RunOutputs &outputs) {
     std::vector<std::filesystem::path> files;
     for (const auto &entry : std::filesystem::directory_iterator(dir))
         if (entry.is_regular_file() && entry.path().extension() == ".json")
             files.push_back(entry.path());
     std::sort(files.begin(), files.end());
     std::vector<ScenarioResult> results;
-    for (const auto &f : files)
-        results.push_back(RunInChild(f, lib, timeout, pending));
-    return results;
-}
-
-void PrintScenarioTable(std::ostream &out, const std::vector<ScenarioResult> &results) {
-    size_t width = 8;
-    for (const ScenarioResult &r : results)
-        width = std::max(width, r.file.size());
-    out << std::left << std::setw(static_cast<int>(width) + 2) << "SCENARIO" << std::setw(17)
-        << "VERDICT"
-        << "RESULT\n";
-    std::map<Verdict, int> counts;
-    for (const ScenarioResult &r : results) {
-        ++counts[r.verdict];
-        out << std::left << std::setw(static_cast<int>(width) + 2) << r.file << std::setw(17)
-            << VerdictName(r.verdict) << r.result << "\n";
-        if (!r.name.empty() && r.verdict != Verdict::kPass) out << "    " << r.name << "\n";
-        if (r.verdict != Verdict::kPass)
-            for (const std::string &d : r.details)
-                out << "    - " << d << "\n";
+    for (const auto &f : files) {
+        const auto capture = outputs.capture_dir.empty()
+                                 ? std::filesystem::path()
+                                 : outputs.capture_dir / f.stem().concat(".pcap");
+        const auto start = std::chrono::steady_clock::now();
+        ScenarioResult &r = results.emplace_back(RunInChild(f, lib, timeout, pending, capture));
+        r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        r.folder = std::filesystem::absolute(f).parent_path().filename().string();
+        if (outputs.on_result) outputs.on_result(r, results.size(), files.size());
     }
-    out << "\n" << results.size() << " scenario(s):";
-    for (const auto &[v, n] : counts)
-        out << " " << n << " " << VerdictName(v);
-    out << "\n";
+    return results;
 }
 
 bool AllPassed(const std::vector<ScenarioResult> &results) {

@@ -190,6 +190,7 @@ void Runner::Online(const Selection &selection, const KernelEntry &first) {
     response = Cat({response, answer.scripts, CommonData(), Tlv(0x9F06, selection.aid)});
     if (flow == 0x03) {
         // Online tap: the card left the field and comes back for the response.
+        report_.trace.PowerOff(first.number, "the card leaves the field for the online tap");
         report_.trace.Note(first.number, "the cardholder presents the card again");
         faulty_.PowerOff();
         if (!faulty_.WaitPresent(options_.card_wait)) {

@@ -51,6 +51,10 @@ private:
     KernelApi api_;
 };
 
+// The file the dynamic loader opens for path (its real name, with the
+// library's version in it). Throws KernelLoadError.
+std::string KernelLibraryFile(const std::string &path);
+
 // Signal types (see ClessSignal_Message).
 inline constexpr uint8_t kSignalFci = 0xA0;        // the SELECT response of the chosen application
 inline constexpr uint8_t kSignalStop = 0xA1;       // the terminal stops the transaction

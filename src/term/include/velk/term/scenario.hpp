@@ -62,20 +62,32 @@ struct ScenarioResult {
     Verdict verdict = Verdict::kError;
     std::string result;                // the transaction's result
     std::vector<std::string> details;  // differences or the error
+    std::string folder;                // the name of the scenario's folder
+    double seconds = 0;                // the whole scenario, child process included
+    velk::card::Json report;           // ReportJson with the trace; null without a transaction
 };
 
 // Runs one scenario in this process: loads it, its card and terminal, runs
-// the transaction with the kernel from lib, checks the expectations.
+// the transaction with the kernel from lib, checks the expectations. With a
+// capture path, writes the card exchange there (see WriteCapture).
 ScenarioResult RunScenario(const std::filesystem::path &file, const std::string &lib,
-                           const PendingNeeds &pending = {});
+                           const PendingNeeds &pending = {},
+                           const std::filesystem::path &capture = {});
+
+// What a folder's run produces besides its results.
+struct RunOutputs {
+    std::filesystem::path capture_dir;  // <scenario file's stem>.pcap for each, when set
+    // Called as each scenario ends, done counted from 1.
+    std::function<void(const ScenarioResult &, size_t done, size_t total)> on_result;
+};
 
 // Runs every scenario of a folder (sorted by file name), each in a child
 // process limited to timeout.
 std::vector<ScenarioResult> RunScenarioFolder(const std::filesystem::path &dir,
                                               const std::string &lib, std::chrono::seconds timeout,
-                                              const PendingNeeds &pending = {});
+                                              const PendingNeeds &pending = {},
+                                              const RunOutputs &outputs = {});
 
-void PrintScenarioTable(std::ostream &out, const std::vector<ScenarioResult> &results);
 bool AllPassed(const std::vector<ScenarioResult> &results);
 
 }  // namespace velk::term
