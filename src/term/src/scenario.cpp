@@ -61,7 +61,8 @@ std::filesystem::path ProfileOf(const Field &f, const std::string &kind) {
 Scenario LoadScenario(const std::filesystem::path &path) {
     const Field root(velk::card::LoadJsonFileWithBase(path, {"card", "terminal"}));
     root.OnlyKeys({"name", "description", "card", "terminal", "amount", "other_amount", "type",
-                   "date", "time", "issuer", "faults", "seed", "expect", "needs"});
+                   "date", "time", "issuer", "faults", "seed", "expect", "needs", "currency",
+                   "set"});
     Scenario s;
     s.file = path;
     s.name = root["name"].String();
@@ -70,8 +71,20 @@ Scenario LoadScenario(const std::filesystem::path &path) {
     if (auto a = root.Optional("amount")) s.amount = a->String();
     if (auto a = root.Optional("other_amount")) s.other_amount = a->String();
     if (auto t = root.Optional("type")) s.type = t->String();
-    if (auto d = root.Optional("date")) s.date = d->Hex(3);
-    if (auto t = root.Optional("time")) s.time = t->Hex(3);
+    const auto checked = [](const Field &f, auto parse) {
+        try {
+            return parse(f.String());
+        } catch (const std::invalid_argument &e) {
+            f.Fail(e.what());
+        }
+    };
+    if (auto d = root.Optional("date")) s.date = checked(*d, ParseDate);
+    if (auto t = root.Optional("time")) s.time = checked(*t, ParseTime);
+    if (auto c = root.Optional("currency")) s.currency = checked(*c, ParseCurrency);
+    if (auto set = root.Optional("set"))
+        for (const auto &[tag, value] : set->Members())
+            s.settings.push_back(
+                checked(value, [&](const std::string &v) { return ParseSetting(tag + "=" + v); }));
     if (auto i = root.Optional("issuer")) {
         i->OnlyKeys({"decision", "arpc", "scripts"});
         if (auto d = i->Optional("decision")) {
@@ -101,7 +114,7 @@ Scenario LoadScenario(const std::filesystem::path &path) {
     const Field expect = root["expect"];
     expect.OnlyKeys({"result", "outcome", "outcomes", "start", "cvm", "message", "online",
                      "kernel_status", "restarts", "selected", "data_record", "discretionary",
-                     "completed"});
+                     "completed", "why_contains"});
     s.expect = expect.Raw();
     if (auto needs = root.Optional("needs"))
         for (const Field &n : needs->Elements())
@@ -164,6 +177,12 @@ std::vector<std::string> CheckExpectations(const Json &expect, const Transaction
             Compare(out, key, want, r.restarts);
         } else if (key == "selected") {
             Compare(out, key, want, r.aid ? velk::host::ToHex(*r.aid) : "none");
+        } else if (key == "why_contains") {
+            for (const Json &text : want)
+                if (std::none_of(r.why.begin(), r.why.end(), [&](const std::string &w) {
+                        return w.find(Text(text)) != std::string::npos;
+                    }))
+                    out.push_back("why: no line contains \"" + Text(text) + "\"");
         } else if (key == "data_record" || key == "discretionary") {
             std::vector<velk::host::TlvNode> nodes;
             try {
@@ -210,14 +229,17 @@ ScenarioResult RunScenario(const std::filesystem::path &file, const std::string 
     try {
         const Scenario s = LoadScenario(file);
         out.name = s.name;
-        const TerminalProfile terminal = LoadTerminalProfile(s.terminal);
+        TerminalProfile terminal = LoadTerminalProfile(s.terminal);
+        if (s.currency) ApplyCurrency(terminal, *s.currency);
+        for (const TerminalSetting &set : s.settings)
+            ApplySetting(terminal, set);
         velk::card::VirtualCard card(velk::card::LoadCardProfile(s.card));
         PayOptions options;
         options.amount = s.amount;
         options.other_amount = s.other_amount;
         options.type = ParseTransactionType(s.type, terminal);
-        options.date = s.date.empty() ? velk::host::FromHex("250615") : s.date;
-        options.time = s.time.empty() ? velk::host::FromHex("120000") : s.time;
+        options.date = s.date.empty() ? velk::host::FromHex(kFixedDate) : s.date;
+        options.time = s.time.empty() ? velk::host::FromHex(kFixedTime) : s.time;
         options.issuer = s.issuer;
         options.faults = s.faults;
         options.seed = s.seed;
