@@ -82,9 +82,11 @@ Scenario LoadScenario(const std::filesystem::path &path) {
     if (auto t = root.Optional("time")) s.time = checked(*t, ParseTime);
     if (auto c = root.Optional("currency")) s.currency = checked(*c, ParseCurrency);
     if (auto set = root.Optional("set"))
-        for (const auto &[tag, value] : set->Members())
-            s.settings.push_back(
-                checked(value, [&](const std::string &v) { return ParseSetting(tag + "=" + v); }));
+        for (const auto &member : set->Members()) {
+            const std::string &tag = member.first;
+            s.settings.push_back(checked(
+                member.second, [&](const std::string &v) { return ParseSetting(tag + "=" + v); }));
+        }
     if (auto i = root.Optional("issuer")) {
         i->OnlyKeys({"decision", "arpc", "scripts"});
         if (auto d = i->Optional("decision")) {
@@ -145,7 +147,11 @@ void Compare(std::vector<std::string> &out, const std::string &field, const Json
 std::vector<std::string> CheckExpectations(const Json &expect, const TransactionReport &r) {
     std::vector<std::string> out;
     const KernelEntry *last = r.entries.empty() ? nullptr : &r.entries.back();
-    const OutcomeParameters *o = last && last->outcome ? &*last->outcome : nullptr;
+    // The entry point's own outcome when no kernel ran.
+    const OutcomeParameters *o = last && last->outcome   ? &*last->outcome
+                                 : r.entry_point_outcome ? &*r.entry_point_outcome
+                                                         : nullptr;
+    const std::optional<UiRequest> &ui = last ? last->ui : r.entry_point_ui;
     const auto field = [&](auto fn) -> Json { return o ? Json(fn(*o)) : Json("no outcome"); };
     for (const auto &[key, want] : expect.items()) {
         if (key == "result") {
@@ -165,8 +171,7 @@ std::vector<std::string> CheckExpectations(const Json &expect, const Transaction
         } else if (key == "cvm") {
             Compare(out, key, want, field([](const auto &x) { return OutcomeCvmName(x.cvm); }));
         } else if (key == "message") {
-            Compare(out, key, want,
-                    last && last->ui ? Json(MessageName(last->ui->message)) : Json("no message"));
+            Compare(out, key, want, ui ? Json(MessageName(ui->message)) : Json("no message"));
         } else if (key == "online") {
             Compare(out, key, want, r.online_flow);
         } else if (key == "kernel_status") {
