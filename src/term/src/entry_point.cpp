@@ -99,6 +99,7 @@ Bytes EntryPoint::Exchange(const Bytes &command) {
         return response;
     } catch (const velk::card::CardError &e) {
         trace_.Apdu(0, name, command, {}, e.what());
+        Note(name + ": no response, " + e.what());
         throw;
     }
 }
@@ -139,14 +140,17 @@ void EntryPoint::Start() {
         used_ppse_ = true;
         const auto data = ResponseData(response);
         candidates_ = CandidatesFromPpse(terminal_, Bytes(data.begin(), data.end()));
-        std::erase_if(candidates_, [&](const Candidate &c) { return !Allowed(c.aid); });
+        const size_t refused =
+            std::erase_if(candidates_, [&](const Candidate &c) { return !Allowed(c.aid); });
         std::string list;
         for (const Candidate &c : candidates_)
             list += (list.empty() ? "" : ", ") + ToHex(c.aid) +
                     (c.label.empty() ? "" : " \"" + c.label + "\"") +
                     (c.priority ? " priority " + std::to_string(c.priority) : "");
         Note("PPSE: " + std::to_string(candidates_.size()) +
-             " application(s) the terminal supports" + (list.empty() ? "" : ": " + list));
+             " application(s) the terminal supports" +
+             (refused ? " and allows (" + std::to_string(refused) + " not allowed)" : "") +
+             (list.empty() ? "" : ": " + list));
         return;
     }
     if (sw == velk::card::kSwFileNotFound) {

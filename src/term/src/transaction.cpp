@@ -444,7 +444,8 @@ std::string NonFinancialWords(const TransactionReport &r, const KernelEntry &las
             continue;
         const uint16_t sw = velk::card::StatusWord(e->second);
         if (sw == velk::card::kSwOk) continue;
-        const std::string tag = ToHex(Bytes{e->first[2], e->first[3]});
+        const std::string tag = e->first[2] == 0x00 ? ToHex(Bytes{e->first[3]})
+                                                    : ToHex(Bytes{e->first[2], e->first[3]});
         s += " " + CommandWords(kind) + " of " + tag + " answered " +
              ToHex(Bytes{static_cast<uint8_t>(sw >> 8), static_cast<uint8_t>(sw)}, true) +
              (sw == 0x6A88
@@ -463,7 +464,11 @@ std::string NoKernelWords(const TransactionReport &r) {
         return "The kernel never ran: application selection broke off before an application "
                "was selected (see the host error above).";
     if (!r.selection.empty() && r.selection.back().starts_with("PPSE: 0 "))
-        return "The kernel never ran: the card and the terminal have no application in common.";
+        return r.selection.back().find("not allowed") != std::string::npos
+                   ? "The kernel never ran: the applications the card and the terminal share "
+                     "are not allowed for this amount (contactless transaction limit)."
+                   : "The kernel never ran: the card and the terminal have no application in "
+                     "common.";
     return "The kernel never ran: no application was selected" +
            (r.selection.empty() ? std::string(".") : " (" + r.selection.back() + ").");
 }
