@@ -38,13 +38,14 @@ enum Exit : int {
 
 constexpr const char *kExitCodes =
     "Exit codes:\n"
-    "  0  success (pay: the kernel reached an outcome, whatever it is; run: no scenario failed)\n"
+    "  0  success (pay: an outcome was reached, whatever it is; run: no scenario failed)\n"
     "  1  run: at least one scenario failed, crashed, timed out or could not be loaded (ERROR)\n"
     "  2  usage error (unknown option, bad value, bad fault)\n"
-    "  3  bad profile, scenario, list or key file (the message names the file and field)\n"
+    "  3  bad profile, list or key file, or a run folder that is not one (the message names the\n"
+    "     file and field; a bad scenario in a run folder is an ERROR: 1)\n"
     "  4  the kernel library could not be loaded\n"
     "  5  card or reader error (PC/SC, vpcd)\n"
-    "  6  the kernel ended without an outcome\n"
+    "  6  pay: the kernel ended without an outcome\n"
     "  7  pay: the kernel never ran (no application was selected)\n"
     " 70  internal error";
 
