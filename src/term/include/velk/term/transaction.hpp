@@ -84,6 +84,10 @@ struct TransactionReport {
     std::vector<std::string> why;
 };
 
+// The outcome of a device that asks the cardholder to verify on it first:
+// the application ends and the transaction restarts at start B.
+bool AsksOnDeviceCvm(const OutcomeParameters &outcome);
+
 // Runs the transaction. secrets lets the issuer check cryptograms (a virtual
 // card knows its keys; a real card's are unknown). Errors of the card or of
 // the kernel binding end the run and are reported, not thrown; only a
