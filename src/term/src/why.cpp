@@ -37,6 +37,10 @@ std::vector<GacSeen> GenerateAcs(const Trace &trace) {
     return out;
 }
 
+std::string SwText(uint16_t sw) {
+    return ToHex(Bytes{static_cast<uint8_t>(sw >> 8), static_cast<uint8_t>(sw)}, true);
+}
+
 std::string CommandWords(velk::card::CommandKind kind) {
     using K = velk::card::CommandKind;
     switch (kind) {
@@ -77,8 +81,7 @@ std::string LastExchange(const Trace &trace, int entry) {
         "The last exchange with the card: " + CommandWords(velk::card::Classify(last->first));
     if (last->second.size() < 2) return what + " got no response (" + last->text + ").";
     const uint16_t sw = velk::card::StatusWord(last->second);
-    std::string s = what + " answered SW " + ToHex(Bytes{static_cast<uint8_t>(sw >> 8)}) + " " +
-                    ToHex(Bytes{static_cast<uint8_t>(sw)});
+    std::string s = what + " answered SW " + SwText(sw);
     const auto data = velk::card::ResponseData(last->second);
     try {
         (void)velk::card::ParseTlvData(data);
@@ -145,8 +148,7 @@ std::string SelectNextCause(const Trace &trace, int entry) {
     if (velk::card::Classify(gpo.first) != velk::card::CommandKind::kGpo) return {};
     if (gpo.second.size() < 2) return "GET PROCESSING OPTIONS got no response";
     if (const uint16_t sw = velk::card::StatusWord(gpo.second); sw != velk::card::kSwOk)
-        return "GET PROCESSING OPTIONS answered SW " +
-               ToHex(Bytes{static_cast<uint8_t>(sw >> 8), static_cast<uint8_t>(sw)}, true);
+        return "GET PROCESSING OPTIONS answered SW " + SwText(sw);
     const auto data = velk::card::ResponseData(gpo.second);
     if (data.empty() || data[0] != 0x77)
         return "the GET PROCESSING OPTIONS response is not a template 77 (format 1, tag 80, is "
@@ -211,8 +213,7 @@ std::string NonFinancialWords(const TransactionReport &r, const KernelEntry &las
         if (sw == velk::card::kSwOk) continue;
         const std::string tag = e->first[2] == 0x00 ? ToHex(Bytes{e->first[3]})
                                                     : ToHex(Bytes{e->first[2], e->first[3]});
-        s += " " + CommandWords(kind) + " of " + tag + " answered " +
-             ToHex(Bytes{static_cast<uint8_t>(sw >> 8), static_cast<uint8_t>(sw)}, true) +
+        s += " " + CommandWords(kind) + " of " + tag + " answered " + SwText(sw) +
              (sw == 0x6A88
                   ? ": the card does not hold that data object, so it is left out"
                   : ": that data object was not " +
