@@ -101,12 +101,20 @@ TerminalSetting ParseSetting(const std::string &text) {
     if (eq == std::string::npos) throw bad("expected TAG=HEX, e.g. 9F1A=0250");
     const auto tag = velk::card::ParseTagText(text.substr(0, eq));
     if (!tag) throw bad("'" + text.substr(0, eq) + "' is not a tag in hex");
+    // Data of the transaction itself, which has options of its own.
+    static constexpr std::pair<uint32_t, const char *> kTransactionData[] = {
+        {0x9F02, "--amount"}, {0x9F03, "--other-amount"}, {0x9C, "--type"},
+        {0x9A, "--date"},     {0x9F21, "--time"},         {0x5F2A, "--currency"}};
+    for (const auto &[t, option] : kTransactionData)
+        if (t == *tag) throw bad(std::string("transaction data: use ") + option);
     TerminalSetting s{*tag, {}};
     try {
         s.value = velk::host::FromHex(text.substr(eq + 1));
     } catch (const std::invalid_argument &e) {
         throw bad(e.what());
     }
+    if (s.tag == 0x5F36 && (s.value.size() != 1 || s.value[0] > 3))
+        throw bad("the currency exponent is one byte, 00 to 03");
     if (velk::host::IsConstructed(s.tag)) {
         try {
             (void)velk::host::ParseTlv(s.value, false);

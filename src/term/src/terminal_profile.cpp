@@ -69,13 +69,11 @@ void ApplySetting(TerminalProfile &t, const TerminalSetting &s) {
         found = Replace(a.parameters, s) || found;
     found = Replace(t.transaction, s) || found;
     if (s.tag == 0x5F2A) {
-        if (s.value.size() != 2) throw std::invalid_argument("setting 5F2A: expected 2 bytes");
-        t.currency = s.value;
-        found = true;  // the transaction input carries it
+        t.currency = s.value;  // the transaction input carries it
     } else if (!found) {
         t.parameters = velk::host::Cat({t.parameters, velk::host::Tlv(s.tag, s.value)});
     }
-    if (s.tag == 0x5F36 && s.value.size() == 1) t.exponent = std::min<int>(s.value[0], 3);
+    if (s.tag == 0x5F36) t.exponent = s.value.at(0);
     t.overrides.push_back(velk::host::ToHex(velk::host::EncodeTag(s.tag)) + "=" +
                           velk::host::ToHex(s.value));
 }
