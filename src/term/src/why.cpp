@@ -116,16 +116,51 @@ std::vector<velk::host::TlvNode> ResponseObjects(const Bytes &response) {
     }
 }
 
+// What is wrong with a GET PROCESSING OPTIONS or READ RECORD response, as
+// the kernel checks it: its status word, its template (77, 70), its TLV, a
+// tag given twice. Empty when nothing is.
+std::string ResponseFault(const TraceEvent &e) {
+    const auto kind = velk::card::Classify(e.first);
+    const bool gpo = kind == velk::card::CommandKind::kGpo;
+    const std::string name = CommandWords(kind);
+    if (e.second.size() < 2) return name + " got no response";
+    if (const uint16_t sw = velk::card::StatusWord(e.second); sw != velk::card::kSwOk)
+        return name + " answered SW " + SwText(sw);
+    const auto data = velk::card::ResponseData(e.second);
+    const uint8_t template_tag = gpo ? 0x77 : 0x70;
+    if (data.empty() || data[0] != template_tag)
+        return "the " + name + " response is not a template " + ToHex(Bytes{template_tag}) +
+               (gpo ? " (format 1, tag 80, is refused by this kernel)" : "");
+    std::vector<velk::host::TlvNode> nodes;
+    try {
+        nodes = velk::card::ParseTlvData(data);
+    } catch (const std::invalid_argument &x) {
+        return "the " + name + " response is not well-formed TLV (" + x.what() + ")";
+    }
+    std::vector<uint32_t> seen;
+    for (const auto &n : nodes.front().children) {
+        if (std::find(seen.begin(), seen.end(), n.tag) != seen.end())
+            return "the " + name + " response holds " + ToHex(velk::host::EncodeTag(n.tag)) +
+                   " twice";
+        seen.push_back(n.tag);
+    }
+    return {};
+}
+
 // Why the kernel ended an application with Select Next, from the bytes it
-// saw: the FCI when it sent nothing to the card, else its GPO response.
+// saw: the FCI when it sent nothing to the card, else the first GET
+// PROCESSING OPTIONS or READ RECORD response it refused.
 std::string SelectNextCause(const Trace &trace, int entry) {
     const auto apdus = EntryApdus(trace, entry);
     if (apdus.empty()) {
+        // The SELECT whose response the kernel took: the last before the entry.
         const TraceEvent *select = nullptr;
-        for (const TraceEvent &e : trace.Events())
+        for (const TraceEvent &e : trace.Events()) {
+            if (e.entry == entry) break;
             if (e.type == TraceEvent::Type::kApdu &&
                 velk::card::Classify(e.first) == velk::card::CommandKind::kSelect)
                 select = &e;
+        }
         if (select == nullptr) return "the kernel sent nothing to the card";
         std::vector<velk::host::TlvNode> fci;
         try {
@@ -144,35 +179,28 @@ std::string SelectNextCause(const Trace &trace, int entry) {
                    "PROCESSING OPTIONS";
         return "the kernel refused the FCI before GET PROCESSING OPTIONS";
     }
-    const TraceEvent &gpo = *apdus.front();
-    if (velk::card::Classify(gpo.first) != velk::card::CommandKind::kGpo) return {};
-    if (gpo.second.size() < 2) return "GET PROCESSING OPTIONS got no response";
-    if (const uint16_t sw = velk::card::StatusWord(gpo.second); sw != velk::card::kSwOk)
-        return "GET PROCESSING OPTIONS answered SW " + SwText(sw);
-    const auto data = velk::card::ResponseData(gpo.second);
-    if (data.empty() || data[0] != 0x77)
-        return "the GET PROCESSING OPTIONS response is not a template 77 (format 1, tag 80, is "
-               "refused by this kernel)";
-    std::vector<velk::host::TlvNode> nodes;
-    try {
-        nodes = velk::card::ParseTlvData(data);
-    } catch (const std::invalid_argument &e) {
-        return std::string("the GET PROCESSING OPTIONS response is not well-formed TLV (") +
-               e.what() + ")";
+    for (const TraceEvent *e : apdus) {
+        const auto kind = velk::card::Classify(e->first);
+        if (kind != velk::card::CommandKind::kGpo && kind != velk::card::CommandKind::kReadRecord)
+            continue;
+        if (std::string fault = ResponseFault(*e); !fault.empty()) return fault;
+        if (kind != velk::card::CommandKind::kGpo) continue;
+        const auto objects = ResponseObjects(e->second);
+        const auto *aip = velk::host::Find(objects, 0x82);
+        if (aip == nullptr || aip->value.size() != 2)
+            return "the GET PROCESSING OPTIONS response lacks the AIP (82)";
+        if (velk::host::Find(objects, 0x94) == nullptr)
+            return "the GET PROCESSING OPTIONS response lacks the AFL (94)";
     }
-    std::vector<uint32_t> seen;
-    for (const auto &n : nodes.front().children) {
-        if (std::find(seen.begin(), seen.end(), n.tag) != seen.end())
-            return "the GET PROCESSING OPTIONS response holds " +
-                   ToHex(velk::host::EncodeTag(n.tag)) + " twice";
-        seen.push_back(n.tag);
-    }
-    const auto *aip = velk::host::Find(nodes.front(), 0x82);
-    if (aip == nullptr || aip->value.size() != 2)
-        return "the GET PROCESSING OPTIONS response lacks the AIP (82)";
-    if (velk::host::Find(nodes.front(), 0x94) == nullptr)
-        return "the GET PROCESSING OPTIONS response lacks the AFL (94)";
     return {};
+}
+
+// The kernel ends a transaction on an error with Select Next too; the bytes
+// say which check failed.
+std::string SelectNextWords(const Trace &trace, int entry) {
+    const std::string cause = SelectNextCause(trace, entry);
+    return "Select Next: the kernel ended this application" +
+           (cause.empty() ? std::string(" (on an error in the card's data)") : ": " + cause);
 }
 
 // Why the kernel sent the transaction to another interface.
@@ -193,6 +221,19 @@ std::string TryAnotherInterfaceCause(const Trace &trace, int entry,
             return "the terminal asked for a TC and the card answered an AAC; this kernel sends "
                    "such an offline decline to another interface instead of declining it";
     return "the kernel ended the application for another interface";
+}
+
+// A card may not give a cryptogram above the one asked for (AAC < ARQC <
+// TC); the kernel ends the application when it does.
+std::string HigherCryptogram(const std::vector<GacSeen> &gacs) {
+    const auto rank = [](uint8_t type) { return type == 0x40 ? 2 : type == 0x80 ? 1 : 0; };
+    for (size_t i = 0; i < gacs.size(); ++i)
+        if (gacs[i].cid && rank(*gacs[i].cid & 0xC0) > rank(gacs[i].requested))
+            return "at GENERATE AC " + std::to_string(i + 1) + " the card answered " +
+                   CryptogramWords(*gacs[i].cid & 0xC0) + " where the terminal asked for " +
+                   CryptogramWords(gacs[i].requested) +
+                   "; a card may not answer above what was asked";
+    return {};
 }
 
 // Words for what the card answered last in an entry that completed a
@@ -270,6 +311,10 @@ void ExplainReport(TransactionReport &r) {
         else if (e.status != 0)
             why.push_back("Kernel entry " + std::to_string(e.number) + " returned " +
                           KernelStatusText(e.status) + ".");
+        if (&e != &last && e.outcome && e.outcome->status == 0x50)
+            why.push_back("Entry " + std::to_string(e.number) + ": " +
+                          SelectNextWords(r.trace, e.number) +
+                          "; the entry point offered the next candidate.");
         if (e.number > 1 && e.purpose.starts_with("second tap"))
             why.push_back(
                 "The device asked for cardholder verification on itself; after the "
@@ -360,6 +405,7 @@ void ExplainReport(TransactionReport &r) {
                       r.issuer->arqc_check + ".");
     }
     const bool non_financial = o.status == 0x40 && last.ui && last.ui->message == 0x10;
+    bool explained = false;  // the cause is named: the card's last exchange adds nothing
     switch (o.status) {
         case 0x40:
             if (non_financial)
@@ -368,17 +414,17 @@ void ExplainReport(TransactionReport &r) {
                 why.push_back(
                     "End Application with a restart (start B): the device asks the "
                     "cardholder to verify on it (C5) and to present it again.");
+            else if (const std::string higher = HigherCryptogram(gacs); !higher.empty())
+                why.push_back("End Application: " + higher + ".");
+            else
+                break;
+            explained = true;
             break;
-        case 0x50: {
-            // The kernel ends a transaction on an error with this very
-            // outcome; the bytes say which check failed.
-            const std::string cause = SelectNextCause(r.trace, last.number);
-            why.push_back(
-                "Select Next: the kernel ended this application" +
-                (cause.empty() ? std::string(" (on an error in the card's data)") : ": " + cause) +
-                ", and no other candidate was left.");
+        case 0x50:
+            why.push_back(SelectNextWords(r.trace, last.number) +
+                          ", and no other candidate was left.");
+            explained = !SelectNextCause(r.trace, last.number).empty();
             break;
-        }
         case 0x60:
             why.push_back("Try Another Interface: " +
                           TryAnotherInterfaceCause(r.trace, last.number, gacs) + ".");
@@ -391,7 +437,7 @@ void ExplainReport(TransactionReport &r) {
         default:
             break;
     }
-    if (o.status >= 0x40 && !non_financial) {
+    if (o.status >= 0x40 && !non_financial && !explained) {
         if (const std::string last_exchange = LastExchange(r.trace, last.number);
             !last_exchange.empty())
             why.push_back(last_exchange);
