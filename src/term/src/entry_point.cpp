@@ -24,8 +24,10 @@ std::string Text(const Bytes &b) {
     return s;
 }
 
-// A BCD value as a number; nullopt when a nibble is not a decimal digit.
+// A BCD value as a number; nullopt when a nibble is not a decimal digit or
+// it has more digits than an amount (n 12) could need.
 std::optional<uint64_t> BcdNumber(const Bytes &bcd) {
+    if (bcd.size() > 9) return std::nullopt;
     uint64_t n = 0;
     for (uint8_t b : bcd) {
         if ((b >> 4) > 9 || (b & 0x0F) > 9) return std::nullopt;
@@ -115,7 +117,7 @@ std::optional<std::string> EntryPoint::PreProcess(const Bytes &amount_bcd, int e
         const auto value = BcdNumber(*limit);
         if (!value) {
             Note("contactless transaction limit (9F8208) " + ToHex(*limit) + " of " +
-                 ToHex(app.aid) + " is not BCD: not applied");
+                 ToHex(app.aid) + " is not a BCD amount: not applied");
             continue;
         }
         if (amount < *value) continue;
