@@ -49,6 +49,16 @@ Bytes VirtualCard::PowerOn() {
 void VirtualCard::PowerOff() {
     powered_ = false;
     selected_ = -1;
+    for (AppState &s : state_)
+        s.cvm_done_on_device = s.cvm_done_on_device || s.cvm_asked_on_device;
+}
+
+Bytes VirtualCard::C5(const AppState &s, const Bytes &c5) const {
+    constexpr uint8_t kCvmBits = 0x07, kOnDeviceRequested = 0x04, kOnDeviceVerified = 0x05;
+    Bytes out = c5;
+    if (s.cvm_done_on_device && !out.empty() && (out[0] & kCvmBits) == kOnDeviceRequested)
+        out[0] = static_cast<uint8_t>((out[0] & ~kCvmBits) | kOnDeviceVerified);
+    return Tlv(0xC5, out);
 }
 
 const CardKey *VirtualCard::KeyForPan(std::span<const uint8_t> pan) const {
@@ -146,7 +156,10 @@ Bytes VirtualCard::Gpo(const Command &c) {
     s->last_gac_response.clear();
     if (app->gpo_raw) return WithStatus(*app->gpo_raw, app->gpo_sw);
     Bytes body = Cat({Tlv(0x82, app->aip), Tlv(0x94, app->afl)});
-    if (app->gpo_c5) body = Cat({body, Tlv(0xC5, *app->gpo_c5)});
+    if (app->gpo_c5) {
+        body = Cat({body, C5(*s, *app->gpo_c5)});
+        s->cvm_asked_on_device = ((*app->gpo_c5)[0] & 0x07) == 0x04;
+    }
     body = Cat({body, app->gpo_extra});
     return WithStatus(Tlv(0x77, body), app->gpo_sw);
 }
@@ -244,7 +257,8 @@ Bytes VirtualCard::GenerateAcResponse(AppState &s, const Command &c, bool second
         if (given == Cryptogram::kTc) s.last_online_atc = s.atc;
     }
 
-    const Bytes c5 = !second && app.gac_c5 ? Tlv(0xC5, *app.gac_c5) : Bytes{};
+    const Bytes c5 = !second && app.gac_c5 ? C5(s, *app.gac_c5) : Bytes{};
+    if (!c5.empty()) s.cvm_asked_on_device = ((*app.gac_c5)[0] & 0x07) == 0x04;
     const bool cda =
         !second && (c.p1 & 0x10) != 0 && app.cda && app.oda_keys && given != Cryptogram::kAac;
     if (!cda) {

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "velk/term/explain.hpp"
+
 namespace velk::term {
 
 using velk::card::ResponseData;
@@ -20,6 +22,27 @@ std::string Text(const Bytes &b) {
     for (uint8_t c : b)
         s += (c >= 0x20 && c < 0x7F) ? static_cast<char>(c) : '?';
     return s;
+}
+
+// A BCD value as a number; nullopt when a nibble is not a decimal digit or
+// it has more digits than an amount (n 12) could need.
+std::optional<uint64_t> BcdNumber(const Bytes &bcd) {
+    if (bcd.size() > 9) return std::nullopt;
+    uint64_t n = 0;
+    for (uint8_t b : bcd) {
+        if ((b >> 4) > 9 || (b & 0x0F) > 9) return std::nullopt;
+        n = n * 100 + (b >> 4) * 10 + (b & 0x0F);
+    }
+    return n;
+}
+
+std::optional<Bytes> ParameterOf(const Bytes &encoded, uint32_t tag) {
+    try {
+        const auto nodes = velk::card::ParseTlvData(encoded);
+        if (const auto *n = velk::host::Find(nodes, tag)) return n->value;
+    } catch (const std::invalid_argument &) {
+    }
+    return std::nullopt;
 }
 
 }  // namespace
@@ -78,11 +101,39 @@ Bytes EntryPoint::Exchange(const Bytes &command) {
         return response;
     } catch (const velk::card::CardError &e) {
         trace_.Apdu(0, name, command, {}, e.what());
+        Note(name + ": no response, " + e.what());
         throw;
     }
 }
 
+std::optional<std::string> EntryPoint::PreProcess(const Bytes &amount_bcd, int exponent) {
+    constexpr uint32_t kLimitTag = 0x9F8208;
+    const uint64_t amount = BcdNumber(amount_bcd).value_or(0);
+    std::string reason;
+    for (const TerminalApplication &app : terminal_.applications) {
+        auto limit = ParameterOf(app.parameters, kLimitTag);
+        if (!limit) limit = ParameterOf(terminal_.parameters, kLimitTag);
+        if (!limit) continue;
+        const auto value = BcdNumber(*limit);
+        if (!value) {
+            Note("contactless transaction limit (9F8208) " + ToHex(*limit) + " of " +
+                 ToHex(app.aid) + " is not a BCD amount: not applied");
+            continue;
+        }
+        if (amount < *value) continue;
+        not_allowed_.push_back(&app);
+        reason = "the amount " + FormatAmount(amount_bcd, exponent) +
+                 " is at or above the reader's contactless transaction limit (9F8208) of " +
+                 FormatAmount(*limit, exponent);
+        Note(ToHex(app.aid) + " not allowed: " + reason);
+    }
+    if (not_allowed_.size() < terminal_.applications.size()) return std::nullopt;
+    return reason;
+}
+
 void EntryPoint::Start() {
+    candidates_.clear();
+    next_ = 0;
     (void)card_.PowerOn();
     const std::string_view ppse = velk::card::kPpseName;
     const Bytes response = Exchange(SelectCommand(Bytes(ppse.begin(), ppse.end())));
@@ -91,22 +142,31 @@ void EntryPoint::Start() {
         used_ppse_ = true;
         const auto data = ResponseData(response);
         candidates_ = CandidatesFromPpse(terminal_, Bytes(data.begin(), data.end()));
+        const size_t refused =
+            std::erase_if(candidates_, [&](const Candidate &c) { return !Allowed(c.aid); });
         std::string list;
         for (const Candidate &c : candidates_)
             list += (list.empty() ? "" : ", ") + ToHex(c.aid) +
                     (c.label.empty() ? "" : " \"" + c.label + "\"") +
                     (c.priority ? " priority " + std::to_string(c.priority) : "");
         Note("PPSE: " + std::to_string(candidates_.size()) +
-             " application(s) the terminal supports" + (list.empty() ? "" : ": " + list));
+             " application(s) the terminal supports" +
+             (refused ? " and allows (" + std::to_string(refused) + " not allowed)" : "") +
+             (list.empty() ? "" : ": " + list));
         return;
     }
     if (sw == velk::card::kSwFileNotFound) {
         Note("the card has no PPSE (6A 82): trying the terminal's applications in order");
         for (const TerminalApplication &app : terminal_.applications)
-            candidates_.push_back({app.aid, {}, 0, app.kernel_id});
+            if (Allowed(app.aid)) candidates_.push_back({app.aid, {}, 0, app.kernel_id});
         return;
     }
     Note("the PPSE was refused with " + Sw(sw) + ": no application to select");
+}
+
+bool EntryPoint::Allowed(const Bytes &aid) const {
+    const TerminalApplication *app = terminal_.FindApplication(aid);
+    return std::find(not_allowed_.begin(), not_allowed_.end(), app) == not_allowed_.end();
 }
 
 std::optional<Selection> EntryPoint::SelectNext() {

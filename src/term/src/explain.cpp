@@ -414,13 +414,18 @@ std::string TransactionTypeName(uint8_t type) {
                         {0x79, "data element update"}});
 }
 
+std::span<const CurrencyInfo> Currencies() {
+    static constexpr CurrencyInfo kCurrencies[] = {
+        {36, "AUD", 2},  {48, "BHD", 3},  {124, "CAD", 2}, {156, "CNY", 2}, {203, "CZK", 2},
+        {208, "DKK", 2}, {348, "HUF", 2}, {356, "INR", 2}, {392, "JPY", 0}, {410, "KRW", 0},
+        {414, "KWD", 3}, {578, "NOK", 2}, {752, "SEK", 2}, {756, "CHF", 2}, {826, "GBP", 2},
+        {840, "USD", 2}, {978, "EUR", 2}, {985, "PLN", 2}};
+    return kCurrencies;
+}
+
 std::string CurrencyName(uint16_t numeric) {
-    static constexpr std::pair<uint16_t, const char *> kCurrencies[] = {
-        {36, "AUD"},  {124, "CAD"}, {156, "CNY"}, {203, "CZK"}, {208, "DKK"},
-        {348, "HUF"}, {356, "INR"}, {392, "JPY"}, {578, "NOK"}, {752, "SEK"},
-        {756, "CHF"}, {826, "GBP"}, {840, "USD"}, {978, "EUR"}, {985, "PLN"}};
-    for (const auto &[n, name] : kCurrencies)
-        if (n == numeric) return name;
+    for (const CurrencyInfo &c : Currencies())
+        if (c.numeric == numeric) return c.code;
     return "";
 }
 

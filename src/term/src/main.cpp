@@ -16,6 +16,7 @@
 #include "velk/host/framework.hpp"
 #include "velk/term/explain.hpp"
 #include "velk/term/outputs.hpp"
+#include "velk/term/options.hpp"
 #include "velk/term/profiles.hpp"
 #include "velk/term/report.hpp"
 #include "velk/term/scenario.hpp"
@@ -34,20 +35,23 @@ enum Exit : int {
     kKernelLoad = 4,
     kCardError = 5,
     kNoOutcome = 6,
-    kOutput = 7,
+    kNoKernel = 7,
+    kOutput = 8,
     kInternal = 70,
 };
 
 constexpr const char *kExitCodes =
     "Exit codes:\n"
-    "  0  success (pay: the kernel reached an outcome, whatever it is; run: no scenario failed)\n"
-    "  1  run: at least one scenario failed, crashed or timed out\n"
+    "  0  success (pay: an outcome was reached, whatever it is; run: no scenario failed)\n"
+    "  1  run: at least one scenario failed, crashed, timed out or could not be loaded (ERROR)\n"
     "  2  usage error (unknown option, bad value, bad fault)\n"
-    "  3  bad profile, scenario, list or key file (the message names the file and field)\n"
+    "  3  bad profile, list or key file, or a run folder that is not one (the message names the\n"
+    "     file and field; a bad scenario in a run folder is an ERROR: 1)\n"
     "  4  the kernel library could not be loaded\n"
     "  5  card or reader error (PC/SC, vpcd)\n"
-    "  6  the kernel ended without an outcome\n"
-    "  7  an output file (--junit, --html, --pcap, --trace-file...) could not be written\n"
+    "  6  pay: the kernel ended without an outcome\n"
+    "  7  pay: the kernel never ran (no application was selected)\n"
+    "  8  an output file (--junit, --html, --pcap, --trace-file...) could not be written\n"
     " 70  internal error";
 
 // Each subcommand's help points at the one table.
@@ -71,7 +75,9 @@ struct PayArgs {
     bool no_arpc = false;
     std::vector<std::string> scripts;
     std::vector<std::string> faults;
-    std::optional<uint64_t> seed;
+    std::string seed;
+    std::vector<std::string> settings;
+    std::string currency;
     bool trace = false;
     bool json = false;
     std::string trace_file, pcap, html;
@@ -137,14 +143,34 @@ velk::host::Bytes HexArg(const std::string &text, size_t len, const char *what) 
     return b;
 }
 
+// A value checked by its parser; the message names the option.
+template <class T>
+T Checked(const char *option, T (*parse)(const std::string &), const std::string &text) {
+    try {
+        return parse(text);
+    } catch (const std::invalid_argument &e) {
+        throw CLI::ValidationError(option, e.what());
+    }
+}
+
 int Pay(const PayArgs &a) {
-    const TerminalProfile terminal = LoadTerminalProfile(ResolveProfile(a.terminal, "terminals"));
+    TerminalProfile terminal = LoadTerminalProfile(ResolveProfile(a.terminal, "terminals"));
+    if (!a.currency.empty())
+        ApplyCurrency(terminal, Checked("--currency", ParseCurrency, a.currency));
+    for (const std::string &s : a.settings)
+        ApplySetting(terminal, Checked("--set", ParseSetting, s));
     PayOptions o;
     o.amount = a.amount;
     if (!a.other_amount.empty()) o.other_amount = a.other_amount;
     o.type = ParseTransactionType(a.type, terminal);
-    if (!a.date.empty()) o.date = HexArg(a.date, 3, "--date");
-    if (!a.time.empty()) o.time = HexArg(a.time, 3, "--time");
+    if (!a.date.empty()) o.date = Checked("--date", ParseDate, a.date);
+    if (!a.time.empty()) o.time = Checked("--time", ParseTime, a.time);
+    if (!a.seed.empty()) {
+        o.seed = Checked("--seed", ParseSeed, a.seed);
+        // A seeded run repeats exactly: the date and time are fixed too.
+        if (o.date.empty()) o.date = velk::host::FromHex(kFixedDate);
+        if (o.time.empty()) o.time = velk::host::FromHex(kFixedTime);
+    }
     (void)AmountToBcd(o.amount, terminal.exponent);
     if (o.other_amount) (void)AmountToBcd(*o.other_amount, terminal.exponent);
     o.issuer = IssuerConfig::FromDecision(a.issuer);
@@ -157,7 +183,6 @@ int Pay(const PayArgs &a) {
     }
     for (const std::string &f : a.faults)
         o.faults.push_back(velk::card::Fault::Parse(f));
-    o.seed = a.seed;
 
     const KernelLibrary kernel(Lib(a.lib));
     std::unique_ptr<velk::card::PcscContext> context;
@@ -198,7 +223,7 @@ int Pay(const PayArgs &a) {
         std::cout << Dump(ReportJson(report, a.trace)) << "\n";
     else
         PrintReport(std::cout, report, a.trace);
-    return report.completed ? kOk : kNoOutcome;
+    return report.completed ? kOk : report.entries.empty() ? kNoKernel : kNoOutcome;
 }
 
 int Readers() {
@@ -333,8 +358,15 @@ int main(int argc, char **argv) {
         "--fault", pay.faults,
         "Fault ACTION@COMMAND[#N][:CHANGE], e.g. tear@gac1, cancel@gpo, remove@read-record#2, "
         "mutate@gpo:drop=82 (repeatable; see docs/velk-term.md)");
-    pay_cmd->add_option("--seed", pay.seed, "Seed for unpredictable numbers (repeatable runs)");
-    pay_cmd->add_flag("--trace", pay.trace, "Show every APDU (decoded), callback and signal");
+    pay_cmd->add_option("--seed", pay.seed,
+                        "Seed for unpredictable numbers: repeatable runs (date and time default to "
+                        "250615 120000)");
+    pay_cmd->add_option("--set", pay.settings,
+                        "Terminal or application parameter for this run, TAG=HEX (repeatable)");
+    pay_cmd->add_option("--currency", pay.currency,
+                        "Transaction currency: ISO 4217 code (EUR) or number (978)");
+    pay_cmd->add_flag("--trace", pay.trace,
+                      "Show every APDU (decoded), callback, signal and display in order");
     pay_cmd->add_flag("--json", pay.json, "Print the report as one JSON document");
     // The files a command writes besides its output: {option, variable, help, FILE or DIR}.
     const auto outputs = [](CLI::App *cmd, std::initializer_list<OutputOption> options) {
@@ -360,7 +392,8 @@ int main(int argc, char **argv) {
     run_cmd->add_option("DIR", run.dir, "Folder of scenario files (*.json)")->required();
     run_cmd->add_option("--lib", run.lib, "The kernel library");
     run_cmd->add_option("--timeout", run.timeout, "Seconds allowed per scenario")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->check(CLI::Range(1, 86400));
     run_cmd->add_flag("--json", run.json,
                       "Print the results as one JSON document (summary, then each scenario with "
                       "its whole report)");
@@ -402,14 +435,16 @@ int main(int argc, char **argv) {
     serve_cmd->add_option("--port", serve_port, "vpcd's port (its first reader)")
         ->capture_default_str();
     serve_cmd->add_option("--wait", serve_wait, "Seconds to keep trying to connect")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->check(CLI::Range(0, 3600));
 
     try {
         std::vector<std::string> args = WithDefaultCommand(argc, argv);
         app.parse(args);
     } catch (const CLI::ParseError &e) {
-        const int code = app.exit(e);
-        return code == 0 ? kOk : kUsage;
+        if (e.get_exit_code() == 0) return app.exit(e);  // --help
+        std::cerr << "velk-term: " << e.what() << "\nRun with --help for more information.\n";
+        return kUsage;
     }
 
     try {

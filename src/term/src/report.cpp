@@ -48,14 +48,8 @@ void PrintBlock(std::ostream &out, const char *title, ByteView value) {
         out << line << "\n";
 }
 
-void PrintEntry(std::ostream &out, const KernelEntry &e) {
-    out << "\nEntry " << e.number << ": " << e.purpose << " (kernel status "
-        << KernelStatusText(e.status) << ")\n";
-    if (!e.error.empty()) {
-        out << "  " << e.error << "\n";
-        return;
-    }
-    const OutcomeParameters &o = *e.outcome;
+void PrintOutcome(std::ostream &out, const OutcomeParameters &o, const std::optional<UiRequest> &ui,
+                  const std::optional<UiRequest> &ui_restart) {
     Field(out, "Outcome", OutcomeStatusName(o.status));
     Field(out, "Start", StartName(o.start));
     Field(out, "Online response", OnlineResponseName(o.online_response));
@@ -65,8 +59,18 @@ void PrintEntry(std::ostream &out, const KernelEntry &e) {
     Field(out, "Alt. interface", AlternateInterfaceName(o.alternate_interface));
     Field(out, "Field off", FieldOffName(o.field_off));
     Field(out, "Removal time-out", std::to_string(o.removal_timeout));
-    if (e.ui) Field(out, "Message", DescribeUiRequest(*e.ui));
-    if (e.ui_restart) Field(out, "Restart message", DescribeUiRequest(*e.ui_restart));
+    if (ui) Field(out, "Message", DescribeUiRequest(*ui));
+    if (ui_restart) Field(out, "Restart message", DescribeUiRequest(*ui_restart));
+}
+
+void PrintEntry(std::ostream &out, const KernelEntry &e) {
+    out << "\nEntry " << e.number << ": " << e.purpose << " (kernel status "
+        << KernelStatusText(e.status) << ")\n";
+    if (!e.error.empty()) {
+        out << "  " << e.error << "\n";
+        return;
+    }
+    PrintOutcome(out, *e.outcome, e.ui, e.ui_restart);
     PrintBlock(out, "Data record (FF8105)", e.data_record);
     PrintBlock(out, "Discretionary data (FF8106)", e.discretionary);
 }
@@ -264,6 +268,10 @@ void PrintReport(std::ostream &out, const TransactionReport &r, bool with_trace)
     out << "\nApplication selection\n";
     for (const std::string &s : r.selection)
         out << "  " << s << "\n";
+    if (r.entry_point_outcome) {
+        out << "\nEntry point (the kernel did not run)\n";
+        PrintOutcome(out, *r.entry_point_outcome, r.entry_point_ui, std::nullopt);
+    }
     for (const KernelEntry &e : r.entries)
         PrintEntry(out, e);
     if (r.issuer) {
@@ -306,6 +314,11 @@ Json ReportJson(const TransactionReport &r, bool with_trace) {
     j["selection"] = r.selection;
     if (r.aid) j["aid"] = ToHex(*r.aid);
     j["label"] = r.label;
+    if (r.entry_point_outcome) {
+        j["entry_point"] = {{"outcome", OutcomeJson(*r.entry_point_outcome)},
+                            {"ui", UiJson(*r.entry_point_ui)},
+                            {"reason", r.entry_point_reason}};
+    }
     Json entries = Json::array();
     for (const KernelEntry &e : r.entries) {
         Json x{{"number", e.number},

@@ -62,7 +62,8 @@ std::filesystem::path ProfileOf(const Field &f, const std::string &kind) {
 Scenario LoadScenario(const std::filesystem::path &path) {
     const Field root(velk::card::LoadJsonFileWithBase(path, {"card", "terminal"}));
     root.OnlyKeys({"name", "description", "card", "terminal", "amount", "other_amount", "type",
-                   "date", "time", "issuer", "faults", "seed", "expect", "needs"});
+                   "date", "time", "issuer", "faults", "seed", "expect", "needs", "currency",
+                   "set"});
     Scenario s;
     s.file = path;
     s.name = root["name"].String();
@@ -71,8 +72,22 @@ Scenario LoadScenario(const std::filesystem::path &path) {
     if (auto a = root.Optional("amount")) s.amount = a->String();
     if (auto a = root.Optional("other_amount")) s.other_amount = a->String();
     if (auto t = root.Optional("type")) s.type = t->String();
-    if (auto d = root.Optional("date")) s.date = d->Hex(3);
-    if (auto t = root.Optional("time")) s.time = t->Hex(3);
+    const auto checked = [](const Field &f, auto parse) {
+        try {
+            return parse(f.String());
+        } catch (const std::invalid_argument &e) {
+            f.Fail(e.what());
+        }
+    };
+    if (auto d = root.Optional("date")) s.date = checked(*d, ParseDate);
+    if (auto t = root.Optional("time")) s.time = checked(*t, ParseTime);
+    if (auto c = root.Optional("currency")) s.currency = checked(*c, ParseCurrency);
+    if (auto set = root.Optional("set"))
+        for (const auto &member : set->Members()) {
+            const std::string &tag = member.first;
+            s.settings.push_back(checked(
+                member.second, [&](const std::string &v) { return ParseSetting(tag + "=" + v); }));
+        }
     if (auto i = root.Optional("issuer")) {
         i->OnlyKeys({"decision", "arpc", "scripts"});
         if (auto d = i->Optional("decision")) {
@@ -102,7 +117,7 @@ Scenario LoadScenario(const std::filesystem::path &path) {
     const Field expect = root["expect"];
     expect.OnlyKeys({"result", "outcome", "outcomes", "start", "cvm", "message", "online",
                      "kernel_status", "restarts", "selected", "data_record", "discretionary",
-                     "completed"});
+                     "completed", "why_contains"});
     s.expect = expect.Raw();
     if (auto needs = root.Optional("needs"))
         for (const Field &n : needs->Elements())
@@ -133,7 +148,11 @@ void Compare(std::vector<std::string> &out, const std::string &field, const Json
 std::vector<std::string> CheckExpectations(const Json &expect, const TransactionReport &r) {
     std::vector<std::string> out;
     const KernelEntry *last = r.entries.empty() ? nullptr : &r.entries.back();
-    const OutcomeParameters *o = last && last->outcome ? &*last->outcome : nullptr;
+    // The entry point's own outcome when no kernel ran.
+    const OutcomeParameters *o = last && last->outcome   ? &*last->outcome
+                                 : r.entry_point_outcome ? &*r.entry_point_outcome
+                                                         : nullptr;
+    const std::optional<UiRequest> &ui = last ? last->ui : r.entry_point_ui;
     const auto field = [&](auto fn) -> Json { return o ? Json(fn(*o)) : Json("no outcome"); };
     for (const auto &[key, want] : expect.items()) {
         if (key == "result") {
@@ -153,8 +172,7 @@ std::vector<std::string> CheckExpectations(const Json &expect, const Transaction
         } else if (key == "cvm") {
             Compare(out, key, want, field([](const auto &x) { return OutcomeCvmName(x.cvm); }));
         } else if (key == "message") {
-            Compare(out, key, want,
-                    last && last->ui ? Json(MessageName(last->ui->message)) : Json("no message"));
+            Compare(out, key, want, ui ? Json(MessageName(ui->message)) : Json("no message"));
         } else if (key == "online") {
             Compare(out, key, want, r.online_flow);
         } else if (key == "kernel_status") {
@@ -165,6 +183,12 @@ std::vector<std::string> CheckExpectations(const Json &expect, const Transaction
             Compare(out, key, want, r.restarts);
         } else if (key == "selected") {
             Compare(out, key, want, r.aid ? velk::host::ToHex(*r.aid) : "none");
+        } else if (key == "why_contains") {
+            for (const Json &text : want)
+                if (std::none_of(r.why.begin(), r.why.end(), [&](const std::string &w) {
+                        return w.find(Text(text)) != std::string::npos;
+                    }))
+                    out.push_back("why: no line contains \"" + Text(text) + "\"");
         } else if (key == "data_record" || key == "discretionary") {
             std::vector<velk::host::TlvNode> nodes;
             try {
@@ -211,14 +235,17 @@ ScenarioResult RunScenario(const std::filesystem::path &file, const std::string 
     try {
         const Scenario s = LoadScenario(file);
         out.name = s.name;
-        const TerminalProfile terminal = LoadTerminalProfile(s.terminal);
+        TerminalProfile terminal = LoadTerminalProfile(s.terminal);
+        if (s.currency) ApplyCurrency(terminal, *s.currency);
+        for (const TerminalSetting &set : s.settings)
+            ApplySetting(terminal, set);
         velk::card::VirtualCard card(velk::card::LoadCardProfile(s.card));
         PayOptions options;
         options.amount = s.amount;
         options.other_amount = s.other_amount;
         options.type = ParseTransactionType(s.type, terminal);
-        options.date = s.date.empty() ? velk::host::FromHex("250615") : s.date;
-        options.time = s.time.empty() ? velk::host::FromHex("120000") : s.time;
+        options.date = s.date.empty() ? velk::host::FromHex(kFixedDate) : s.date;
+        options.time = s.time.empty() ? velk::host::FromHex(kFixedTime) : s.time;
         options.issuer = s.issuer;
         options.faults = s.faults;
         options.seed = s.seed;

@@ -47,7 +47,41 @@ std::vector<RevokedCertificate> LoadRevocations(const std::filesystem::path &pat
     return out;
 }
 
+// Replaces the value of every first-level element with the tag; false when
+// there is none.
+bool Replace(Bytes &encoded, const TerminalSetting &setting) {
+    bool found = false;
+    Bytes out;
+    for (const auto &n : velk::card::ParseTlvData(encoded)) {
+        found = found || n.tag == setting.tag;
+        out = velk::host::Cat(
+            {out, velk::host::Tlv(n.tag, n.tag == setting.tag ? setting.value : n.value)});
+    }
+    if (found) encoded = std::move(out);
+    return found;
+}
+
 }  // namespace
+
+void ApplySetting(TerminalProfile &t, const TerminalSetting &s) {
+    bool found = Replace(t.parameters, s);
+    for (TerminalApplication &a : t.applications)
+        found = Replace(a.parameters, s) || found;
+    found = Replace(t.transaction, s) || found;
+    if (s.tag == 0x5F2A) {
+        t.currency = s.value;  // the transaction input carries it
+    } else if (!found) {
+        t.parameters = velk::host::Cat({t.parameters, velk::host::Tlv(s.tag, s.value)});
+    }
+    if (s.tag == 0x5F36) t.exponent = s.value.at(0);
+    t.overrides.push_back(velk::host::ToHex(velk::host::EncodeTag(s.tag)) + "=" +
+                          velk::host::ToHex(s.value));
+}
+
+void ApplyCurrency(TerminalProfile &t, const Currency &c) {
+    ApplySetting(t, {0x5F2A, c.numeric});
+    if (c.exponent >= 0) ApplySetting(t, {0x5F36, Bytes{static_cast<uint8_t>(c.exponent)}});
+}
 
 bool TerminalApplication::Matches(std::span<const uint8_t> card_aid) const {
     if (card_aid.size() < aid.size()) return false;

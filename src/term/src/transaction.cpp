@@ -1,10 +1,11 @@
 #include "velk/term/transaction.hpp"
 
+#include <algorithm>
 #include <ctime>
 
 #include "velk/term/entry_point.hpp"
 #include "velk/term/host.hpp"
-#include "velk/term/tags.hpp"
+#include "velk/term/why.hpp"
 
 namespace velk::term {
 
@@ -107,11 +108,15 @@ public:
         report_.host_errors.insert(report_.host_errors.begin(), host_.Errors().begin(),
                                    host_.Errors().end());
         report_.restarts = host_.Restarts();
+        report_.online_context = host_.OnlineContext().value_or(Bytes{});
     }
 
 private:
     Bytes CommonData() const;
     KernelEntry &Enter(const std::string &purpose, const Bytes &input);
+    // One presentation of the card: selection and the kernel's first entry
+    // (and the online leg); the first entry's outcome.
+    std::optional<OutcomeParameters> Tap(const std::string &purpose);
     void Online(const Selection &selection, const KernelEntry &first);
 
     const TerminalProfile &terminal_;
@@ -153,6 +158,28 @@ void Runner::Run() {
     report_.date = date_;
     report_.time = time_;
 
+    if (const auto refused = entry_point_.PreProcess(amount_, terminal_.exponent)) {
+        // What an entry point gives when no application may run contactless.
+        report_.entry_point_outcome =
+            OutcomeParameters{0x60, 0xF0, 0xF0, 0xF0, 0x80, 0x00, 0xFF, 0};
+        report_.entry_point_ui = UiRequest{0x18, 0x05, 0, {}, 0, {}, {}};
+        report_.entry_point_reason = *refused;
+        return;
+    }
+    const auto outcome = Tap("first tap");
+    if (!outcome || !AsksOnDeviceCvm(*outcome)) return;
+    report_.trace.Note(0,
+                       "restart (start B): the cardholder verifies on the device and "
+                       "presents it again");
+    faulty_.PowerOff();
+    if (!faulty_.WaitPresent(options_.card_wait)) {
+        report_.trace.Note(0, "the device was not presented again");
+        return;
+    }
+    (void)Tap("second tap, after cardholder verification on the device");
+}
+
+std::optional<OutcomeParameters> Runner::Tap(const std::string &purpose) {
     entry_point_.Start();
     while (const auto selection = entry_point_.SelectNext()) {
         report_.aid = selection->aid;
@@ -164,15 +191,17 @@ void Runner::Run() {
         Bytes input;
         if (selection->kernel_id) input = Tlv(0xDF09, Bytes{*selection->kernel_id});
         input = Cat({input, Tlv(0x7F11, Cat({CommonData(), terminal_.transaction}))});
-        const KernelEntry &first = Enter("first tap", input);
-        if (first.outcome && first.outcome->status == 0x50) {
+        const KernelEntry &first = Enter(purpose, input);
+        const std::optional<OutcomeParameters> outcome = first.outcome;
+        if (outcome && outcome->status == 0x50) {
             report_.trace.Note(first.number,
                                "Select Next: the entry point tries the next application");
             continue;
         }
-        if (first.outcome && first.outcome->status == 0x30) Online(*selection, first);
-        return;
+        if (outcome && outcome->status == 0x30) Online(*selection, first);
+        return outcome;
     }
+    return std::nullopt;
 }
 
 void Runner::Online(const Selection &selection, const KernelEntry &first) {
@@ -207,201 +236,11 @@ void Runner::Online(const Selection &selection, const KernelEntry &first) {
     Enter("issuer response (" + report_.online_flow + ")", input);
 }
 
-// ---- The explanation -----------------------------------------------------------
-
-struct GacSeen {
-    uint8_t requested = 0;
-    bool cda = false;
-    std::optional<uint8_t> cid;
-    std::string failure;
-};
-
-std::vector<GacSeen> GenerateAcs(const Trace &trace) {
-    std::vector<GacSeen> out;
-    for (const TraceEvent &e : trace.Events()) {
-        if (e.type != TraceEvent::Type::kApdu ||
-            velk::card::Classify(e.first) != velk::card::CommandKind::kGenerateAc ||
-            e.first.size() < 3)
-            continue;
-        GacSeen g{
-            static_cast<uint8_t>(e.first[2] & 0xC0), (e.first[2] & 0x10) != 0, std::nullopt, {}};
-        if (e.second.empty()) g.failure = e.text;
-        try {
-            const auto data = velk::card::ResponseData(e.second);
-            const auto nodes = velk::card::ParseTlvData(data);
-            if (const auto *cid = velk::host::Find(nodes, 0x9F27); cid && cid->value.size() == 1)
-                g.cid = cid->value[0];
-        } catch (const std::invalid_argument &) {
-        }
-        out.push_back(g);
-    }
-    return out;
-}
-
-std::string CommandWords(velk::card::CommandKind kind) {
-    using K = velk::card::CommandKind;
-    switch (kind) {
-        case K::kSelectPpse:
-            return "SELECT of the PPSE";
-        case K::kSelect:
-            return "SELECT";
-        case K::kGpo:
-            return "GET PROCESSING OPTIONS";
-        case K::kReadRecord:
-            return "READ RECORD";
-        case K::kGetData:
-            return "GET DATA";
-        case K::kPutData:
-            return "PUT DATA";
-        case K::kInternalAuthenticate:
-            return "INTERNAL AUTHENTICATE";
-        case K::kGenerateAc:
-            return "GENERATE AC";
-        case K::kEcho:
-            return "ECHO";
-        case K::kScript:
-            return "an issuer script command";
-        case K::kOther:
-            break;
-    }
-    return "a command";
-}
-
-// The kernel's last exchange with the card in an entry: what the card said
-// just before an outcome that ended the application.
-std::string LastExchange(const Trace &trace, int entry) {
-    const TraceEvent *last = nullptr;
-    for (const TraceEvent &e : trace.Events())
-        if (e.type == TraceEvent::Type::kApdu && e.entry == entry) last = &e;
-    if (last == nullptr) return {};
-    const std::string what =
-        "The last exchange with the card: " + CommandWords(velk::card::Classify(last->first));
-    if (last->second.size() < 2) return what + " got no response (" + last->text + ").";
-    const uint16_t sw = velk::card::StatusWord(last->second);
-    std::string s = what + " answered SW " + ToHex(Bytes{static_cast<uint8_t>(sw >> 8)}) + " " +
-                    ToHex(Bytes{static_cast<uint8_t>(sw)});
-    const auto data = velk::card::ResponseData(last->second);
-    try {
-        (void)velk::card::ParseTlvData(data);
-    } catch (const std::invalid_argument &e) {
-        s += std::string(", with data that is not well-formed TLV (") + e.what() + ")";
-    }
-    return s + ".";
-}
-
-std::string CryptogramWords(uint8_t type) {
-    return type == 0x40   ? "a TC (offline approval)"
-           : type == 0x80 ? "an ARQC (online authorisation)"
-                          : "an AAC (decline)";
-}
-
-void Explain(TransactionReport &r) {
-    auto &why = r.why;
-    if (r.entries.empty()) {
-        if (!r.aid)
-            why.push_back(
-                "No application was selected: the card and the terminal have none in common.");
-        return;
-    }
-    const KernelEntry &last = r.entries.back();
-    if (!last.error.empty())
-        why.push_back("The kernel ended without an outcome: " + last.error + ".");
-    for (const KernelEntry &e : r.entries)
-        if (e.status != 0)
-            why.push_back("Kernel entry " + std::to_string(e.number) + " returned " +
-                          KernelStatusText(e.status) + ".");
-    for (const std::string &f : r.faults_fired)
-        why.push_back("Fault injected: " + f + ".");
-    for (const std::string &h : r.host_errors)
-        why.push_back("Host error: " + h + ".");
-    if (r.restarts > 0)
-        why.push_back("The kernel asked for the card to be presented again " +
-                      std::to_string(r.restarts) + " time(s) to recover a torn exchange.");
-    const auto gacs = GenerateAcs(r.trace);
-    for (size_t i = 0; i < gacs.size(); ++i) {
-        const GacSeen &g = gacs[i];
-        std::string s = "GENERATE AC " + std::to_string(i + 1) + ": the terminal asked for " +
-                        CryptogramWords(g.requested) + (g.cda ? " with a CDA signature" : "");
-        if (!g.failure.empty())
-            s += "; no response (" + g.failure + ")";
-        else if (g.cid)
-            s += "; the card answered " + ExplainCid(Bytes{*g.cid});
-        why.push_back(s + ".");
-    }
-    for (const TraceEvent &e : r.trace.Events())
-        if (e.type == TraceEvent::Type::kApdu &&
-            velk::card::Classify(e.first) == velk::card::CommandKind::kEcho &&
-            velk::card::StatusWord(e.second) == 0x9000)
-            why.push_back(
-                "ECHO: the card gave back the response of the GENERATE AC that was torn, so the "
-                "transaction went on from there.");
-    // The TVR of the last data record says what the terminal found wrong.
-    for (auto it = r.entries.rbegin(); it != r.entries.rend(); ++it) {
-        if (it->data_record.empty()) continue;
-        try {
-            const auto nodes = velk::card::ParseTlvData(it->data_record);
-            // The card's cryptogram is turned into a decline after GENERATE
-            // AC when SDA or CDA fails at its check; that sets no TVR bit, so
-            // only the two CIDs tell.
-            const auto *cid = velk::host::Find(nodes, 0x9F27);
-            if (!gacs.empty() && gacs.back().cid && cid && cid->value.size() == 1 &&
-                (cid->value[0] & 0xC0) == 0x00 && (*gacs.back().cid & 0xC0) != 0x00)
-                why.push_back(
-                    "The card's cryptogram became an AAC (decline) after GENERATE AC: offline "
-                    "data authentication (SDA or CDA) failed at its check.");
-            if (const auto *tvr = velk::host::Find(nodes, 0x95)) {
-                const auto bits = ExplainTvr(tvr->value);
-                if (bits.size() == 1 && bits[0] == "no bit set")
-                    why.push_back("The TVR is clean: the terminal found nothing wrong.");
-                else
-                    for (const std::string &b : bits)
-                        why.push_back("TVR " + b + ".");
-            }
-        } catch (const std::invalid_argument &) {
-        }
-        break;
-    }
-    if (!last.outcome) return;
-    const OutcomeParameters &o = *last.outcome;
-    if (o.status == 0x00)
-        why.push_back(
-            "The Outcome Parameter Set is all zero: the step that ended the transaction "
-            "chose no outcome.");
-    if (o.cvm != 0xF0) why.push_back("Cardholder verification: " + OutcomeCvmName(o.cvm) + ".");
-    if (r.issuer) {
-        const bool ok = r.issuer->arc == Bytes{'0', '0'};
-        why.push_back("The issuer " + std::string(ok ? "approved" : "declined") + " (8A \"" +
-                      std::string(r.issuer->arc.begin(), r.issuer->arc.end()) + "\"); ARQC " +
-                      r.issuer->arqc_check + ".");
-    }
-    switch (o.status) {
-        case 0x50:
-            // The kernel ends a transaction on an error with this very
-            // outcome, so it says no more than that the application is over.
-            why.push_back(
-                "Select Next: the kernel ended this application (it does so on an error in the "
-                "card's data or responses as well) and no other candidate was left.");
-            break;
-        case 0x60:
-            why.push_back(
-                "Try Another Interface: the card asks for the transaction on another interface.");
-            break;
-        case 0x70:
-            why.push_back(
-                "Try Again: the exchange with the card broke off; the card must be presented "
-                "again.");
-            break;
-        default:
-            break;
-    }
-    if (o.status >= 0x40) {
-        if (const std::string last_exchange = LastExchange(r.trace, last.number);
-            !last_exchange.empty())
-            why.push_back(last_exchange);
-    }
-}
-
 }  // namespace
+
+bool AsksOnDeviceCvm(const OutcomeParameters &o) {
+    return o.status == 0x40 && o.start == 0x10;
+}
 
 TransactionReport RunTransaction(const KernelApi &kernel, const TerminalProfile &terminal,
                                  velk::card::Card &card, const PayOptions &options,
@@ -409,6 +248,8 @@ TransactionReport RunTransaction(const KernelApi &kernel, const TerminalProfile 
     TransactionReport r;
     r.card = card.Describe();
     r.terminal = terminal.name + " (" + terminal.source.string() + ")";
+    for (size_t i = 0; i < terminal.overrides.size(); ++i)
+        r.terminal += (i == 0 ? ", settings for this run: " : ", ") + terminal.overrides[i];
     r.kernel = kernel.origin;
     r.exponent = terminal.exponent;
     const std::string ccy = ToHex(terminal.currency);
@@ -431,7 +272,10 @@ TransactionReport RunTransaction(const KernelApi &kernel, const TerminalProfile 
     for (const TraceEvent &e : r.trace.Events())
         if (e.type == TraceEvent::Type::kNote && e.entry == 0) r.selection.push_back(e.text);
     r.completed = !r.entries.empty() && r.entries.back().outcome.has_value();
-    if (r.completed) {
+    if (r.entry_point_outcome) {
+        r.completed = true;
+        r.result = OutcomeStatusName(r.entry_point_outcome->status);
+    } else if (r.completed) {
         const OutcomeParameters &o = *r.entries.back().outcome;
         r.result = OutcomeStatusName(o.status);
         if (o.status == 0x30 && r.online_flow == "online request" && r.issuer)
@@ -440,7 +284,7 @@ TransactionReport RunTransaction(const KernelApi &kernel, const TerminalProfile 
     } else {
         r.result = r.entries.empty() ? "NO TRANSACTION" : "NO OUTCOME";
     }
-    Explain(r);
+    ExplainReport(r);
     return r;
 }
 

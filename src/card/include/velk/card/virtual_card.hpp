@@ -50,6 +50,11 @@ private:
         Bytes last_gac_response;  // with status word, for ECHO
         Bytes arqc;
         uint16_t arqc_atc = 0;
+        // A device that asked for cardholder verification on itself (C5
+        // CVM bits 4) has it done when it leaves the field: at its next
+        // tap it reports the confirmation code verified (5).
+        bool cvm_asked_on_device = false;
+        bool cvm_done_on_device = false;
     };
 
     using Handler = Bytes (VirtualCard::*)(const Command &);
@@ -65,6 +70,8 @@ private:
 
     Bytes GenerateAcResponse(AppState &s, const Command &c, bool second);
     Bytes DynamicNumber(const AppState &s) const;
+    // The C5 a response carries, after any verification on the device.
+    Bytes C5(const AppState &s, const Bytes &c5) const;
     const Application *Current() const;
     AppState *CurrentState();
 

@@ -34,7 +34,15 @@ class EntryPoint {
 public:
     EntryPoint(const TerminalProfile &terminal, velk::card::Card &card, Trace &trace);
 
-    // Selects the PPSE and builds the candidate list. Card errors propagate.
+    // Before the card is asked for anything: the reader's contactless
+    // transaction limit (9F8208, the application's own or else the
+    // terminal's) is applied to each of the terminal's applications, as the
+    // kernel leaves it to the entry point. An application whose limit the
+    // amount reaches is not offered. When no application is left, the
+    // reason in words (the transaction goes to another interface).
+    std::optional<std::string> PreProcess(const Bytes &amount_bcd, int exponent);
+    // Selects the PPSE and builds the candidate list (afresh: also for the
+    // card presented again). Card errors propagate.
     void Start();
     // Selects the next candidate; nullopt when none is left (each candidate
     // is offered once: a Select Next outcome moves on to the next one).
@@ -50,11 +58,13 @@ public:
 
 private:
     Bytes Exchange(const Bytes &command);
+    bool Allowed(const Bytes &aid) const;
     void Note(std::string text);
 
     const TerminalProfile &terminal_;
     velk::card::Card &card_;
     Trace &trace_;
+    std::vector<const TerminalApplication *> not_allowed_;  // by PreProcess
     bool used_ppse_ = false;
     std::vector<Candidate> candidates_;
     size_t next_ = 0;

@@ -57,6 +57,13 @@ std::string DescribeUiRequest(const UiRequest &ui);
 std::string KernelStatusText(uint32_t code);
 std::string TransactionTypeName(uint8_t type);
 std::string CurrencyName(uint16_t numeric);  // "EUR" for 978, "" when unknown
+// The ISO 4217 currencies this tool knows by name, with their minor unit.
+struct CurrencyInfo {
+    uint16_t numeric;
+    const char *code;
+    int exponent;
+};
+std::span<const CurrencyInfo> Currencies();
 // A BCD amount with the currency exponent applied ("25.00").
 std::string FormatAmount(ByteView bcd, int exponent);
 

@@ -30,6 +30,8 @@ struct Scenario {
     IssuerConfig issuer;
     std::vector<velk::card::Fault> faults;
     uint64_t seed = 1;
+    std::optional<Currency> currency;
+    std::vector<TerminalSetting> settings;
     velk::card::Json expect;  // field -> expected value
     // Kernel capabilities the scenario depends on beyond the first tap, e.g.
     // "second-entry" (online processing, issuer scripts and torn recovery).

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "velk/card/json_profile.hpp"
+#include "velk/term/options.hpp"
 
 namespace velk::term {
 
@@ -55,6 +56,7 @@ struct TerminalProfile {
     std::vector<CaKey> ca_keys;
     std::vector<ListedCard> exception_file;
     std::vector<RevokedCertificate> revocations;
+    std::vector<std::string> overrides;  // settings changed for this run, "9F1A=0250"
 
     const TerminalApplication *FindApplication(std::span<const uint8_t> card_aid) const;
     const CaKey *FindCaKey(std::span<const uint8_t> rid, uint8_t index) const;
@@ -64,6 +66,15 @@ struct TerminalProfile {
     // The first transaction type of application authentication (9F9309).
     std::optional<uint8_t> AuthenticationType() const;
 };
+
+// Changes a data object of the terminal's set-up for one run: wherever the
+// terminal holds the tag (its parameters, each application's parameters, its
+// transaction data) the value is replaced; a tag held nowhere joins the
+// terminal parameters. 5F2A and 5F36 also set the currency and its exponent.
+void ApplySetting(TerminalProfile &terminal, const TerminalSetting &setting);
+// The transaction currency (5F2A) and, when the currency is known, its
+// exponent (5F36).
+void ApplyCurrency(TerminalProfile &terminal, const Currency &currency);
 
 // Throws velk::card::ProfileError.
 TerminalProfile LoadTerminalProfile(const std::filesystem::path &path);

@@ -60,12 +60,18 @@ struct TransactionReport {
     Bytes date, time;
 
     std::vector<std::string> selection;  // what the entry point saw
+    // An outcome of the entry point itself, given before any kernel ran
+    // (the amount reached the contactless transaction limit).
+    std::optional<OutcomeParameters> entry_point_outcome;
+    std::optional<UiRequest> entry_point_ui;
+    std::string entry_point_reason;
     std::optional<Bytes> aid;
     std::string label;
     std::vector<KernelEntry> entries;
 
     std::string online_flow;  // "", "online request", "long tap", "online tap"
     std::optional<IssuerResponse> issuer;
+    Bytes online_context;  // what the kernel stored with the host (A2), if anything
     std::vector<std::string> faults_fired;
     std::vector<std::string> host_errors;
     int restarts = 0;
@@ -74,9 +80,13 @@ struct TransactionReport {
     // The end of the story: the last outcome, or for a plain online request
     // completed by the host, the issuer's decision.
     std::string result;
-    bool completed = false;  // the kernel gave an outcome
+    bool completed = false;  // the kernel (or the entry point) gave an outcome
     std::vector<std::string> why;
 };
+
+// The outcome of a device that asks the cardholder to verify on it first:
+// the application ends and the transaction restarts at start B.
+bool AsksOnDeviceCvm(const OutcomeParameters &outcome);
 
 // Runs the transaction. secrets lets the issuer check cryptograms (a virtual
 // card knows its keys; a real card's are unknown). Errors of the card or of
