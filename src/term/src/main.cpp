@@ -157,23 +157,14 @@ int Tvr(const std::string &hex) {
     return kOk;
 }
 
-int Run(const std::string &dir, const std::string &lib, int timeout, bool json,
-        const PendingNeeds &pending) {
-    if (!std::filesystem::is_directory(dir))
-        throw ProfileError(dir + ": not a folder of scenarios");
-    const auto results = RunScenarioFolder(dir, Lib(lib), std::chrono::seconds(timeout), pending);
-    if (json) {
-        nlohmann::ordered_json j = nlohmann::ordered_json::array();
-        for (const ScenarioResult &r : results)
-            j.push_back({{"file", r.file},
-                         {"name", r.name},
-                         {"verdict", VerdictName(r.verdict)},
-                         {"result", r.result},
-                         {"details", r.details}});
-        std::cout << j.dump(2) << "\n";
-    } else {
+int Run(const std::string &path, const std::string &lib, int timeout, bool json,
+        const PendingNeeds &pending, const std::string &filter) {
+    const auto results =
+        RunScenarios(path, Lib(lib), std::chrono::seconds(timeout), pending, filter);
+    if (json)
+        std::cout << ScenarioResultsJson(results).dump(2) << "\n";
+    else
         PrintScenarioTable(std::cout, results);
-    }
     return AllPassed(results) ? kOk : kScenarioFailed;
 }
 
@@ -249,14 +240,18 @@ int main(int argc, char **argv) {
     CLI::App *readers_cmd = app.add_subcommand("readers", "List the PC/SC readers");
     readers_cmd->footer(kExitCodes);
 
-    std::string run_dir, run_lib;
+    std::string run_dir, run_lib, run_filter;
     int run_timeout = 120;
     bool run_json = false;
     PendingNeeds run_pending;
     CLI::App *run_cmd =
-        app.add_subcommand("run", "Run a folder of scenarios and print a pass/fail table");
+        app.add_subcommand("run", "Run a scenario file or a folder of them; a pass/fail table");
     run_cmd->footer(kExitCodes);
-    run_cmd->add_option("DIR", run_dir, "Folder of scenario files (*.json)")->required();
+    run_cmd->add_option("PATH", run_dir, "A scenario file, or a folder of them (*.json)")
+        ->required();
+    run_cmd->add_option("--filter", run_filter,
+                        "Only the scenarios whose \"file.json [case]\" matches this shell "
+                        "pattern or contains it");
     run_cmd->add_option("--lib", run_lib, "The kernel library");
     run_cmd->add_option("--timeout", run_timeout, "Seconds allowed per scenario")
         ->capture_default_str();
@@ -302,7 +297,7 @@ int main(int argc, char **argv) {
     try {
         if (*pay_cmd) return Pay(pay);
         if (*readers_cmd) return Readers();
-        if (*run_cmd) return Run(run_dir, run_lib, run_timeout, run_json, run_pending);
+        if (*run_cmd) return Run(run_dir, run_lib, run_timeout, run_json, run_pending, run_filter);
         if (*decode_cmd) return Decode(decode_hex, decode_json);
         if (*tvr_cmd) return Tvr(tvr_hex);
         if (*serve_cmd) return ServeVpcd(serve_card, serve_host, serve_port, serve_wait);

@@ -98,12 +98,15 @@ public:
           report_(report) {
         host_.Bind(&session_);
         host_.card_wait = options.card_wait;
+        host_.SetReplies(options.host_replies);
     }
 
     void Run();
     // What the faults, the host and the card left to report.
     void Collect() {
         report_.faults_fired = faulty_.Fired();
+        report_.faults_not_fired = faulty_.NotFired();
+        report_.replies_not_used = host_.RepliesNotUsed();
         report_.host_errors.insert(report_.host_errors.begin(), host_.Errors().begin(),
                                    host_.Errors().end());
         report_.restarts = host_.Restarts();
@@ -311,6 +314,8 @@ void Explain(TransactionReport &r) {
                           KernelStatusText(e.status) + ".");
     for (const std::string &f : r.faults_fired)
         why.push_back("Fault injected: " + f + ".");
+    for (const std::string &f : r.faults_not_fired)
+        why.push_back("Fault that never fired (its command never came): " + f + ".");
     for (const std::string &h : r.host_errors)
         why.push_back("Host error: " + h + ".");
     if (r.restarts > 0)

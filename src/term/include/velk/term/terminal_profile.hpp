@@ -67,6 +67,8 @@ struct TerminalProfile {
 
 // Throws velk::card::ProfileError.
 TerminalProfile LoadTerminalProfile(const std::filesystem::path &path);
+// The same for a file already read (its file names relative to it).
+TerminalProfile ParseTerminalProfile(const velk::card::Field &root);
 std::vector<CaKey> LoadCaKeys(const std::filesystem::path &path);
 
 }  // namespace velk::term
