@@ -113,8 +113,10 @@ void CheckApdus(const Field &f) {
 
 void CheckCallbacks(const Field &f) {
     for (const Field &c : f.Elements()) {
-        c.OnlyKeys({"command", "payload", "reply", "status"});
+        c.OnlyKeys({"command", "payload", "reply", "status", "never"});
         (void)c["command"].Hex(1);
+        if (auto n = c.Optional("never"); n && n->Bool() && c.Raw().size() > 2)
+            n->Fail("a callback that never comes has nothing else to compare");
         if (auto p = c.Optional("payload")) (void)CanonicalHex(*p, false);
         if (auto p = c.Optional("reply")) (void)CanonicalHex(*p, false);
         if (auto s = c.Optional("status")) CheckStatus(*s);
@@ -255,12 +257,25 @@ void CompareApdus(Out &out, const std::string &field, const Json &want, const Tr
 }
 
 // The callbacks of the commands the list names, in order, each compared on
-// the fields it gives.
-void CompareCallbacks(Out &out, const std::string &field, const Json &want, const Trace &trace,
+// the fields it gives; {"command": "E9", "never": true} says none comes.
+void CompareCallbacks(Out &out, const std::string &field, const Json &all, const Trace &trace,
                       int entry) {
-    std::set<uint8_t> commands;
-    for (const Json &c : want)
-        commands.insert(velk::host::FromHex(c.at("command").get<std::string>())[0]);
+    std::set<uint8_t> commands, never;
+    Json want = Json::array();
+    for (const Json &c : all) {
+        const uint8_t command = velk::host::FromHex(c.at("command").get<std::string>())[0];
+        if (c.value("never", false)) {
+            never.insert(command);
+            continue;
+        }
+        commands.insert(command);
+        want.push_back(c);
+    }
+    for (const TraceEvent &e : trace.Events())
+        if (e.type == TraceEvent::Type::kCallback && e.entry >= 1 &&
+            (entry == 0 || e.entry == entry) && never.count(e.code))
+            out.push_back(field + ": callback " + ToHex(Bytes{e.code}) + " with payload " +
+                          Payload(e.first) + ", which the scenario says never comes");
     std::vector<const TraceEvent *> seen;
     for (const TraceEvent &e : trace.Events())
         if (e.type == TraceEvent::Type::kCallback && e.entry >= 1 &&
