@@ -106,7 +106,7 @@ Fault Fault::Parse(const std::string &text) {
         for (const char *c : kCommands)
             list += (list.empty() ? "" : ", ") + std::string(c);
         throw std::invalid_argument("fault '" + text + "': unknown command '" + rest + "' (" +
-                                    list + ", or the command's first bytes in hex)");
+                                    list + ")");
     }
     f.command = rest;
 
