@@ -49,7 +49,10 @@ INSTANTIATE_TEST_SUITE_P(
                   Fault::Change::kTruncate},
         ParseCase{"mutate@gpo:length=-1", Fault::Action::kMutate, "gpo", 1, Fault::Change::kLength},
         ParseCase{"mutate@echo:append=9000", Fault::Action::kMutate, "echo", 1,
-                  Fault::Change::kAppend}),
+                  Fault::Change::kAppend},
+        ParseCase{"respond@80CA9F17#2:9F1701039000", Fault::Action::kRespond, "80CA9F17", 2,
+                  Fault::Change::kNone},
+        ParseCase{"respond@gpo:", Fault::Action::kRespond, "gpo", 1, Fault::Change::kNone}),
     [](const auto &info) { return std::to_string(info.index); });
 
 class FaultRefused : public ::testing::TestWithParam<std::pair<const char *, const char *>> {};
@@ -76,7 +79,9 @@ INSTANTIATE_TEST_SUITE_P(
                       std::make_pair("mutate@gpo:drop=9F", "'9F' is not a tag"),
                       std::make_pair("mutate@gpo:truncate=0", "truncate=N needs N >= 1"),
                       std::make_pair("mutate@gpo:append=ABC", "odd number of digits"),
-                      std::make_pair("mutate@gpo:zap=1", "unknown change 'zap'")),
+                      std::make_pair("mutate@gpo:zap=1", "unknown change 'zap'"),
+                      std::make_pair("tear@80", "unknown command '80'"),
+                      std::make_pair("respond@gpo:69Z5", "respond@gpo:69Z5")),
     [](const auto &info) { return std::to_string(info.index); });
 
 Bytes Mutated(const char *fault, const char *response) {
@@ -173,10 +178,24 @@ TEST_F(FaultyCardTest, OccurrencesCountPerCommandAndGenerateAcsCountFromTheGpo) 
     const auto &app = card_.Profile().applications[0];
     EXPECT_EQ(Sw(c.Transmit(GenerateAc(0x40, Bytes(app.cdol2.RelatedLength(), 0)))), 0x6985);
     EXPECT_EQ(c.Fired().size(), 3u);
+    EXPECT_EQ(c.NotFired(), std::vector<std::string>{});
     // A new GPO starts the count of GENERATE ACs again; the fired fault stays spent.
     c.Transmit(Gpo(app.pdol.RelatedLength()));
     EXPECT_EQ(Sw(Gac(c)), 0x9000);
     EXPECT_EQ(Sw(c.Transmit(GenerateAc(0x40, Bytes(app.cdol2.RelatedLength(), 0)))), 0x9000);
+}
+
+TEST_F(FaultyCardTest, AGivenResponseLetsTheCardWorkAndCountsByTheCommandsBytes) {
+    FaultyCard c = With({"respond@80CA9F36#2:6A88", "respond@gac1:6985", "tear@gac2"});
+    Start(c);
+    EXPECT_EQ(Sw(c.Transmit(FromHex("80CA9F3600"))), 0x9000);
+    EXPECT_EQ(Sw(c.Transmit(FromHex("80CA9F1300"))), 0x9000);  // another command's bytes
+    EXPECT_EQ(c.Transmit(FromHex("80CA9F3600")), FromHex("6A88"));
+    EXPECT_EQ(Sw(Gac(c)), 0x6985);
+    // The card did produce the cryptogram: the next GENERATE AC is its second.
+    const auto &app = card_.Profile().applications[0];
+    EXPECT_EQ(Sw(card_.Transmit(GenerateAc(0x40, Bytes(app.cdol2.RelatedLength(), 0)))), 0x9000);
+    EXPECT_EQ(c.NotFired(), std::vector<std::string>{"tear@gac2"});
 }
 
 }  // namespace

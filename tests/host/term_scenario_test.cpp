@@ -9,6 +9,7 @@
 namespace velk::term::test {
 namespace {
 
+using velk::card::Field;
 using velk::card::Json;
 
 TEST(Scenarios, TransactionTypesByName) {
@@ -69,6 +70,86 @@ TEST(Scenarios, EachDifferenceIsOneLine) {
         CheckExpectations(Json::parse(R"({"outcome": "APPROVED", "message": "Approved"})"), none),
         (std::vector<std::string>{"outcome: expected APPROVED, got no outcome",
                                   "message: expected Approved, got no message"}));
+}
+
+// The exchange byte for byte: the kernel's C-APDUs, chosen callbacks, the
+// outcome packet by tag, each entry on its own.
+TEST(Scenarios, ExchangesAndPacketsAreComparedByteForByte) {
+    TransactionReport r = Report();
+    r.entries[0].number = 1;
+    r.entries[1].number = 2;
+    r.entries[1].output = FromHex("7F010CDF812908 10F0F020A0F0FF00");
+    r.trace.Apdu(0, "select", FromHex("00A4"), FromHex("9000"));  // the entry point's
+    r.trace.Apdu(1, "gpo", FromHex("80A8000002830000"), FromHex("9000"));
+    r.trace.Apdu(2, "gac", FromHex("80AE40000B"), FromHex("9000"));
+    r.trace.Callback(1, 0xD4, FromHex("7F010CDF0001D49F0605F056454C4B"), FromHex("7F0100"), 0);
+    const Json holds = Json::parse(R"({"apdus": ["80A8 0000 0283 0000", "80AE..."],
+        "callbacks": [{"command": "D4", "payload": "9F0605F056454C4B", "reply": "", "status": "0x0"},
+                      {"command": "E9", "never": true}],
+        "packet": {"DF8129": "10F0F020A0F0FF00", "9F8117": "absent"},
+        "entries": [{"apdus": ["80A8000002830000"]}, {"packet": "7F010CDF81290810F0F020A0F0FF00"}]})");
+    EXPECT_EQ(CheckExpectations(holds, r), std::vector<std::string>{});
+    const Json differs = Json::parse(R"({"apdus": ["80A8000002830001"],
+        "callbacks": [{"command": "D4"}, {"command": "D4"}], "packet": {"DF8116": "00"},
+        "entries": [{"kernel_status": "0x0"}]})");
+    EXPECT_EQ(CheckExpectations(differs, r),
+              (std::vector<std::string>{
+                  "apdus[0]: expected 80A8000002830001, got 80A8000002830000",
+                  "apdus[1]: the card was sent 80AE40000B, which the scenario does not expect",
+                  "callbacks[1]: expected callback D4, never sent",
+                  "packet.DF8116: expected 00, got absent",
+                  "entries: expected 1 kernel entries, got 2"}));
+}
+
+// A value no report can say is the scenario's error, with the spellings.
+TEST(Scenarios, ExpectationsThatNameNothingAreRefused) {
+    for (const auto &[text, says] : std::vector<std::pair<std::string, std::string>>{
+             {R"({"online": "long-tap"})",
+              "expected one of \"none\", \"online request\", \"long tap\""},
+             {R"({"outcome": "OK"})", "'OK' is nothing a report says"},
+             {R"({"kernel_status": "30101"})", "expected a status in hex"},
+             {R"({"packet": {"XYZ": "00"}})", "'XYZ' is not a tag"},
+             {R"({"apdus": ["80A8Z"]})", "bad character 'Z'"},
+             {R"({"callbacks": [{"payload": "00"}]})", "command"},
+             {R"({"entries": [{"online": "long tap"}]})", "online"},
+             {R"({"outcomes": ["APPROVED", "FINE"]})", "'FINE'"}}) {
+        const Field f(velk::card::ParseJsonText(text, "expect"));
+        try {
+            CheckExpectationNames(f);
+            ADD_FAILURE() << "accepted " << text;
+        } catch (const velk::card::ProfileError &e) {
+            EXPECT_NE(std::string(e.what()).find(says), std::string::npos) << e.what();
+        }
+    }
+}
+
+TEST(Scenarios, CasesShareTheirFilesFieldsAndAFilterPicksThem) {
+    TempDir dir;
+    dir.Write("cases.json", R"({"name": "shared", "card": {"profile": "offline-cda"},
+        "amount": "1.00", "expect": {"outcome": "APPROVED"}, "cases": [
+          {"name": "one", "card": {"patch": {"application": {"fci": {"9F38": null}}}}},
+          {"name": "two", "description": "the second", "amount": "2.00",
+           "faults": [{"fault": "tear@gac2", "may_not_fire": true}]}]})");
+    const auto scenarios = LoadScenarios(dir.Path() / "cases.json");
+    ASSERT_EQ(scenarios.size(), 2u);
+    EXPECT_EQ(scenarios[0].case_name, "one");
+    EXPECT_TRUE(scenarios[0].card_patch["application"]["fci"]["9F38"].is_null());
+    EXPECT_EQ(scenarios[0].amount, "1.00");
+    EXPECT_EQ(scenarios[1].name, "the second");
+    EXPECT_EQ(scenarios[1].amount, "2.00");
+    EXPECT_EQ(scenarios[1].may_not_fire, std::vector<std::string>{"tear@gac2"});
+    EXPECT_EQ(scenarios[1].terminal.filename(), "pos.json");  // as pay
+    dir.Write("dup.json", R"({"name": "x", "card": "sda", "expect": {},
+        "cases": [{"name": "a"}, {"name": "a"}]})");
+    EXPECT_THROW(LoadScenarios(dir.Path() / "dup.json"), velk::card::ProfileError);
+    const auto none = RunScenarios(dir.Path(), "/nonexistent", std::chrono::seconds(5), {}, "zz");
+    ASSERT_EQ(none.size(), 1u);
+    EXPECT_EQ(none[0].verdict, Verdict::kError);
+    EXPECT_FALSE(AllPassed(none));
+    TempDir empty;
+    const auto nothing = RunScenarios(empty.Path(), "/nonexistent", std::chrono::seconds(5));
+    ASSERT_EQ(nothing.size(), 1u);
+    EXPECT_EQ(nothing[0].details[0], "no scenario file (*.json) here");
 }
 
 TEST(Scenarios, PendingScenariosDoNotFailARun) {

@@ -22,7 +22,6 @@ using velk::host::ToHex;
 
 const Bytes kSelectNextOps = FromHex("50 20 F0 F0 00 F0 FF 00");
 const Bytes kEndApplicationOps = FromHex("40 F0 F0 F0 80 F0 FF 00");
-const Bytes kEndApplicationUird = FromHex("1C 05" + std::string(40, '0'));
 
 Bytes Ops(const ScriptedHost::Result &result) {
     return OutcomePacket(result.out).ops;
@@ -96,17 +95,6 @@ TEST(KernelStart, NoFciAtAllIsTheDatabasesMissingTagWithNoOutcome) {
     EXPECT_EQ(result.status, 0x31004u);
     EXPECT_EQ(host.Commands(), (std::vector<uint8_t>{0xD1, 0xD5}));
     EXPECT_EQ(Ops(result), Bytes(8, 0));
-}
-
-TEST(KernelStart, AFailedAidRequestEndsTheApplication) {
-    ScriptedHost host;
-    ConfigureFirstTap(host);
-    host.On(VELK_CMD_AID_PARAMS, [](const Message &) { return Answer::Fail(0x1234); });
-    const auto result = host.Start(TransactionInput(PurchaseParams()));
-    EXPECT_EQ(result.status, 0x3020Cu);
-    const OutcomePacket packet(result.out);
-    EXPECT_EQ(packet.ops, kEndApplicationOps);
-    EXPECT_EQ(packet.uird, kEndApplicationUird);
 }
 
 // ---- FCI failures -------------------------------------------------------------
@@ -281,16 +269,6 @@ TEST_P(MalformedReply, IsRefusedWithTheHostReplyCode) {
 INSTANTIATE_TEST_SUITE_P(Requests, MalformedReply,
                          ::testing::Values(VELK_CMD_ICS_PARAMS, VELK_CMD_AID_PARAMS,
                                            VELK_CMD_UNPREDICTABLE_NUMBER, VELK_CMD_APDU));
-
-TEST(KernelStart, AMalformedAidReplyEndsTheApplicationLikeAnyFailedRequest) {
-    ScriptedHost host;
-    ConfigureFirstTap(host);
-    host.On(VELK_CMD_AID_PARAMS,
-            [](const Message &) { return Answer::Raw(FromHex("7F0103DF0305")); });
-    const auto result = host.Start(TransactionInput(PurchaseParams()));
-    EXPECT_EQ(result.status, 0x3020Cu);
-    EXPECT_EQ(Ops(result), kEndApplicationOps);
-}
 
 }  // namespace
 }  // namespace velk::test

@@ -124,16 +124,6 @@ TEST(TransactionInitialisation, AFirstTapWithout9CIsCompletedOnErrorThroughTheEn
     EXPECT_EQ(packet.order, std::vector<uint32_t>{0xDF8129});
 }
 
-TEST(TransactionInitialisation, AFirstTapWithoutKernelCapabilitiesFails) {
-    ScriptedHost host;
-    ConfigureFirstTap(host);
-    host.ics = {T(0x9F9302, "00"), T(0x9F1A, "0978")};
-    const auto result = host.Start(TransactionInput(PurchaseParams()));
-    EXPECT_EQ(result.status, 0x33002u);
-    EXPECT_EQ(host.g().Transaction_Step, 0u);
-    EXPECT_EQ(OutcomePacket(result.out).ops, Bytes(8, 0));
-}
-
 // ---- Restart after an online response ------------------------------------------------
 
 // The second entry: the issuer's response (8A) with the steering byte 30, the

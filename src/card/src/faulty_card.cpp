@@ -78,9 +78,11 @@ Fault Fault::Parse(const std::string &text) {
         f.action = Action::kRemove;
     else if (action == "mutate")
         f.action = Action::kMutate;
+    else if (action == "respond")
+        f.action = Action::kRespond;
     else
         throw std::invalid_argument("fault '" + text + "': unknown action '" + action +
-                                    "' (tear, cancel, remove, mutate)");
+                                    "' (tear, cancel, remove, mutate, respond)");
 
     std::string change;
     if (const size_t colon = rest.find(':'); colon != std::string::npos) {
@@ -93,6 +95,13 @@ Fault Fault::Parse(const std::string &text) {
         rest = rest.substr(0, hash);
     }
     if (std::find(std::begin(kCommands), std::end(kCommands), rest) == std::end(kCommands)) {
+        try {
+            f.prefix = velk::host::FromHex(rest);
+        } catch (const std::invalid_argument &) {
+        }
+    }
+    if (f.prefix.size() < 2 &&
+        std::find(std::begin(kCommands), std::end(kCommands), rest) == std::end(kCommands)) {
         std::string list;
         for (const char *c : kCommands)
             list += (list.empty() ? "" : ", ") + std::string(c);
@@ -101,6 +110,19 @@ Fault Fault::Parse(const std::string &text) {
     }
     f.command = rest;
 
+    if (f.action == Action::kRespond) {
+        try {
+            f.bytes = velk::host::FromHex(change);
+        } catch (const std::invalid_argument &e) {
+            throw std::invalid_argument("fault '" + text + "': " + e.what());
+        }
+        // Up to 1024 bytes: longer than any card may answer, for hostile cards.
+        if (f.bytes.size() > 1024)
+            throw std::invalid_argument("fault '" + text +
+                                        "': respond takes a response APDU of at most 1024 "
+                                        "bytes, e.g. respond@gpo:6985");
+        return f;
+    }
     if (f.action != Action::kMutate) {
         if (!change.empty())
             throw std::invalid_argument("fault '" + text + "': only mutate takes a :CHANGE");
@@ -208,6 +230,13 @@ bool FaultyCard::WaitPresent(std::chrono::milliseconds timeout) {
     return !removed_ && inner_.WaitPresent(timeout);
 }
 
+std::vector<std::string> FaultyCard::NotFired() const {
+    std::vector<std::string> out;
+    for (const Armed &a : faults_)
+        if (!a.fired) out.push_back(a.fault.text);
+    return out;
+}
+
 int FaultyCard::Count(const std::string &label) {
     for (auto &[name, n] : counts_)
         if (name == label) return ++n;
@@ -223,6 +252,14 @@ Bytes FaultyCard::Transmit(std::span<const uint8_t> command) {
     std::vector<std::string> labels{label, "any"};
     if (kind == CommandKind::kGenerateAc) {
         labels.push_back(++gacs_since_gpo_ == 1 ? "gac1" : "gac2");
+    }
+    // A command named by its first bytes is counted under its hex.
+    for (const Armed &a : faults_) {
+        const Bytes &p = a.fault.prefix;
+        if (!p.empty() && command.size() >= p.size() &&
+            std::equal(p.begin(), p.end(), command.begin()) &&
+            std::find(labels.begin(), labels.end(), a.fault.command) == labels.end())
+            labels.push_back(a.fault.command);
     }
     std::vector<std::pair<std::string, int>> seen;
     for (const std::string &l : labels)
@@ -248,6 +285,11 @@ Bytes FaultyCard::Transmit(std::span<const uint8_t> command) {
                 throw CardError(CardErrorKind::kNoResponse, "response lost (" + a.fault.text + ")");
             case Fault::Action::kMutate:
                 return Mutate(a.fault, inner_.Transmit(command));
+            case Fault::Action::kRespond:
+                // The card carries the command out (its state moves on as
+                // it would), and the terminal gets the given response.
+                (void)inner_.Transmit(command);
+                return a.fault.bytes;
         }
     }
     return inner_.Transmit(command);

@@ -81,6 +81,24 @@ uint32_t Host::OnCallback(uint8_t *buf, uint32_t *len) {
     }
     const uint8_t command = command_node->value[0];
     const size_t traced = trace_.Callback(entry_, command, request);
+    if (const HostReply *given = ReplyFor(command)) {
+        const Bytes encoded =
+            given->raw ? *given->raw
+                       : Tlv(command == 0xA3 ? 0x7F15 : 0x7F01, given->data.value_or(Bytes{}));
+        uint32_t status = given->status;
+        if (encoded.size() > VELK_EXCHANGE_BUFFER_LEN) {
+            OnHostError("given reply of " + std::to_string(encoded.size()) +
+                        " bytes does not fit the exchange buffer");
+            status = kHostReplyTooLong;
+        } else if (given->raw || given->data) {
+            std::memcpy(buf, encoded.data(), encoded.size());
+            *len = static_cast<uint32_t>(encoded.size());
+        }
+        trace_.Answer(traced, encoded, status);
+        trace_.Note(entry_, "reply given by the scenario: " + given->text);
+        if (given->signal) PostSignal(*given->signal, {}, "given by the scenario");
+        return status;
+    }
     const auto it = kHandlers.find(command);
     if (it == kHandlers.end()) {
         OnHostError("unknown callback command " + velk::host::ToHex(Bytes{command}));
@@ -101,6 +119,24 @@ uint32_t Host::OnCallback(uint8_t *buf, uint32_t *len) {
     }
     trace_.Answer(traced, encoded, reply.status);
     return reply.status;
+}
+
+const HostReply *Host::ReplyFor(uint8_t command) {
+    const int n = ++requests_[command];
+    replies_used_.resize(replies_.size());
+    for (size_t i = 0; i < replies_.size(); ++i)
+        if (replies_[i].command == command && (replies_[i].nth == 0 || replies_[i].nth == n)) {
+            replies_used_[i] = true;
+            return &replies_[i];
+        }
+    return nullptr;
+}
+
+std::vector<std::string> Host::RepliesNotUsed() const {
+    std::vector<std::string> out;
+    for (size_t i = 0; i < replies_.size(); ++i)
+        if (i >= replies_used_.size() || !replies_used_[i]) out.push_back(replies_[i].text);
+    return out;
 }
 
 void Host::PostSignal(uint8_t type, const Bytes &data, const std::string &why) {

@@ -324,7 +324,7 @@ function bitNames(list) {
 function scenarioSection(s, i) {
   var r = s.report || {};
   var out = '<section class="scenario" id="s' + i + '"><details' + (s.verdict === 'PASS' ? '' : ' open') + '>' +
-            '<summary>' + badge(s.verdict) + ' <h2>' + esc(s.file || s.name) + '</h2> <span class="muted">' +
+            '<summary>' + badge(s.verdict) + ' <h2>' + esc(s.label || s.file || s.name) + '</h2> <span class="muted">' +
             esc(s.file ? s.name : '') + '</span></summary><div class="body">';
   out += '<h3>Outcome</h3><table class="kv"><tr><td>Result</td><td><b>' + esc(s.result || r.result) + '</b></td></tr>';
   (r.entries || []).forEach(function (x) {
@@ -369,7 +369,7 @@ document.getElementById('summary').innerHTML = chips;
 
 var rows = list.map(function (s, i) {
   return '<tr class="scenario-row" data-verdict="' + esc(group(s.verdict)) + '" data-target="s' + i + '">' +
-         '<td class="num">' + (i + 1) + '</td><td><code>' + esc(s.file) + '</code><div class="muted">' +
+         '<td class="num">' + (i + 1) + '</td><td><code>' + esc(s.label || s.file) + '</code><div class="muted">' +
          esc(s.name) + '</div></td><td>' + badge(s.verdict) + '</td><td>' + esc(s.result) +
          '</td><td class="num">' + secs(s.seconds) + '</td></tr>';
 }).join('');

@@ -79,7 +79,8 @@ std::string Lines(const std::vector<std::string> &lines) {
 }
 
 void WriteCase(std::ostream &out, const ScenarioResult &r) {
-    const std::string name = std::filesystem::path(r.file).stem().string();
+    const std::string stem = std::filesystem::path(r.file).stem().string();
+    const std::string name = r.case_name.empty() ? stem : stem + " [" + r.case_name + "]";
     out << "    <testcase name=\"" << Xml(name) << "\" classname=\"" << Xml(r.folder)
         << "\" time=\"" << std::fixed << std::setprecision(3) << r.seconds << "\"";
     const std::string first = r.details.empty() ? VerdictName(r.verdict) : r.details.front();

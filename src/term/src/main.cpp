@@ -85,7 +85,7 @@ struct PayArgs {
 };
 
 struct RunArgs {
-    std::string dir, lib;
+    std::string dir, lib, filter;
     int timeout = 120;
     bool json = false;
     PendingNeeds pending;
@@ -255,8 +255,6 @@ int Tvr(const std::string &hex) {
 }
 
 int Run(const RunArgs &a) {
-    if (!std::filesystem::is_directory(a.dir))
-        throw ProfileError(a.dir + ": not a folder of scenarios");
     std::optional<std::ofstream> junit = Output(a.junit), html = Output(a.html);
     if (!a.pcap_dir.empty()) {
         std::error_code ec;
@@ -274,7 +272,8 @@ int Run(const RunArgs &a) {
     };
     const auto start = std::chrono::steady_clock::now();
     const auto results =
-        RunScenarioFolder(a.dir, Lib(a.lib), std::chrono::seconds(a.timeout), a.pending, outputs);
+        RunScenarios(a.dir, Lib(a.lib), std::chrono::seconds(a.timeout), a.pending, a.filter,
+                     outputs);
     const double seconds = SecondsSince(start);
     if (junit) {
         WriteJunit(*junit, results, seconds);
@@ -387,9 +386,13 @@ int main(int argc, char **argv) {
 
     RunArgs run;
     CLI::App *run_cmd =
-        app.add_subcommand("run", "Run a folder of scenarios and print a pass/fail table");
+        app.add_subcommand("run", "Run a scenario file or a folder of them; a pass/fail table");
     run_cmd->footer(kSeeExitCodes);
-    run_cmd->add_option("DIR", run.dir, "Folder of scenario files (*.json)")->required();
+    run_cmd->add_option("PATH", run.dir, "A scenario file, or a folder of them (*.json)")
+        ->required();
+    run_cmd->add_option("--filter", run.filter,
+                        "Only the scenarios whose \"file.json [case]\" matches this shell "
+                        "pattern or contains it");
     run_cmd->add_option("--lib", run.lib, "The kernel library");
     run_cmd->add_option("--timeout", run.timeout, "Seconds allowed per scenario")
         ->capture_default_str()

@@ -349,6 +349,7 @@ Json ReportJson(const TransactionReport &r, bool with_trace) {
             if (const auto ui = ParseUiRequest(e.first)) displays.push_back(UiJson(*ui));
     j["messages"] = displays;
     j["faults_fired"] = r.faults_fired;
+    j["faults_not_fired"] = r.faults_not_fired;
     j["host_errors"] = r.host_errors;
     j["restarts"] = r.restarts;
     j["completed"] = r.completed;

@@ -69,6 +69,8 @@ Json RunJson(const std::vector<ScenarioResult> &results, double seconds) {
                 details.push_back(d);
         }
         scenarios.push_back({{"file", r.file},
+                             {"case", r.case_name},
+                             {"label", r.Label()},
                              {"folder", r.folder},
                              {"name", r.name},
                              {"verdict", VerdictName(r.verdict)},
@@ -76,6 +78,7 @@ Json RunJson(const std::vector<ScenarioResult> &results, double seconds) {
                              {"seconds", r.seconds},
                              {"mismatches", mismatches},
                              {"details", details},
+                             {"not_fired", r.not_fired},
                              {"report", r.report}});
     }
     return {{"summary", summary}, {"scenarios", scenarios}};
@@ -129,14 +132,14 @@ std::string Padded(const std::string &text, size_t visible, size_t width) {
 void Progress::Done(const ScenarioResult &r, size_t done, size_t total) {
     const std::string count = "[" + std::to_string(done) + "/" + std::to_string(total) + "]";
     if (!tty_) {
-        out_ << count << " " << VerdictText(r.verdict, color_) << " " << r.file << " ("
+        out_ << count << " " << VerdictText(r.verdict, color_) << " " << r.Label() << " ("
              << Seconds(r.seconds) << ")\n";
         return;
     }
     constexpr size_t kWidth = 30;
     const size_t filled = total == 0 ? kWidth : done * kWidth / total;
     out_ << "\r\033[K[" << std::string(filled, '#') << std::string(kWidth - filled, '.') << "] "
-         << count << " " << VerdictText(r.verdict, color_) << " " << r.file;
+         << count << " " << VerdictText(r.verdict, color_) << " " << r.Label();
     if (done == total) out_ << "\r\033[K";
     out_ << std::flush;
 }
@@ -144,7 +147,7 @@ void Progress::Done(const ScenarioResult &r, size_t done, size_t total) {
 void PrintScenarioTable(std::ostream &out, const std::vector<ScenarioResult> &results, bool color) {
     size_t width = 8;
     for (const ScenarioResult &r : results)
-        width = std::max(width, r.file.size());
+        width = std::max(width, r.Label().size());
     width += 2;
     constexpr size_t kVerdict = 17, kTime = 9;
     out << Padded("SCENARIO", 8, width) << Padded("VERDICT", 7, kVerdict)
@@ -155,13 +158,17 @@ void PrintScenarioTable(std::ostream &out, const std::vector<ScenarioResult> &re
         ++counts[r.verdict];
         total += r.seconds;
         const std::string seconds = Seconds(r.seconds);
-        out << Padded(r.file, r.file.size(), width)
+        const std::string label = r.Label();
+        out << Padded(label, label.size(), width)
             << Padded(VerdictText(r.verdict, color), std::strlen(VerdictName(r.verdict)), kVerdict)
             << Padded(seconds, seconds.size(), kTime) << r.result << "\n";
         if (!r.name.empty() && r.verdict != Verdict::kPass) out << "    " << r.name << "\n";
         if (r.verdict != Verdict::kPass)
             for (const std::string &d : r.details)
                 out << "    - " << d << "\n";
+        if (r.verdict == Verdict::kPass)
+            for (const std::string &f : r.not_fired)
+                out << "    - did not fire (allowed): " << f << "\n";
     }
     out << "\n" << results.size() << " scenario(s):";
     for (const auto &[v, n] : counts)

@@ -140,8 +140,12 @@ std::vector<CaKey> LoadCaKeys(const std::filesystem::path &path) {
 }
 
 TerminalProfile LoadTerminalProfile(const std::filesystem::path &path) {
-    const Field root(
-        velk::card::LoadJsonFileWithBase(path, {"ca_keys", "exception_file", "revocation_list"}));
+    return ParseTerminalProfile(Field(
+        velk::card::LoadJsonFileWithBase(path, {"ca_keys", "exception_file", "revocation_list"})));
+}
+
+TerminalProfile ParseTerminalProfile(const Field &root) {
+    const std::filesystem::path &path = root.File().path;
     root.OnlyKeys({"name", "description", "currency", "exponent", "parameters", "applications",
                    "transaction", "unpredictable_number_length", "ca_keys", "exception_file",
                    "revocation_list"});

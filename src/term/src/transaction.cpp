@@ -99,12 +99,15 @@ public:
           report_(report) {
         host_.Bind(&session_);
         host_.card_wait = options.card_wait;
+        host_.SetReplies(options.host_replies);
     }
 
     void Run();
     // What the faults, the host and the card left to report.
     void Collect() {
         report_.faults_fired = faulty_.Fired();
+        report_.faults_not_fired = faulty_.NotFired();
+        report_.replies_not_used = host_.RepliesNotUsed();
         report_.host_errors.insert(report_.host_errors.begin(), host_.Errors().begin(),
                                    host_.Errors().end());
         report_.restarts = host_.Restarts();

@@ -291,6 +291,8 @@ void ExplainReport(TransactionReport &r) {
                       "transaction to another interface (chip or magnetic stripe).");
     for (const std::string &f : r.faults_fired)
         why.push_back("Fault injected: " + f + ".");
+    for (const std::string &f : r.faults_not_fired)
+        why.push_back("Fault that never fired (its command never came): " + f + ".");
     for (const std::string &h : r.host_errors)
         why.push_back("Host error: " + h + ".");
     if (r.entries.empty()) {

@@ -8,10 +8,15 @@
 //   remove@gpo           the card leaves the field before the GPO and does
 //                        not come back
 //   mutate@gpo:drop=82   the GPO response without its AIP (lengths fixed up)
+//   respond@gpo:6985     the card carries out the GPO, the terminal gets 69 85
+//   respond@80CA9F17:9F170103 9000
+//                        a command picked by its first bytes (hex)
 //
 // COMMAND is one of select-ppse, select, gpo, read-record, get-data,
-// put-data, internal-authenticate, gac (any), gac1, gac2, echo, script, any;
-// #N counts the exchanges of that command from 1. Changes of mutate:
+// put-data, internal-authenticate, gac (any), gac1, gac2, echo, script, any,
+// or the first bytes of the C-APDU in hex (at least two);
+// #N counts the exchanges of that command from 1. respond takes the whole
+// response APDU in hex after the colon. Changes of mutate:
 // sw=XXXX (another status word), drop=TAG, dup=TAG (the element twice),
 // truncate=N (the last N data bytes cut), length=+N or -N (the outer
 // template's length byte off by N), append=HEX.
@@ -26,16 +31,17 @@
 namespace velk::card {
 
 struct Fault {
-    enum class Action { kTear, kCancel, kRemove, kMutate };
+    enum class Action { kTear, kCancel, kRemove, kMutate, kRespond };
     enum class Change { kNone, kSw, kDrop, kDup, kTruncate, kLength, kAppend };
 
     Action action = Action::kTear;
-    std::string command;  // as written: "gac1", "read-record", "any"
+    std::string command;  // as written: "gac1", "read-record", "any", "80CA9F17"
+    Bytes prefix;         // a command named by its first bytes
     int occurrence = 1;
     Change change = Change::kNone;
     uint32_t tag = 0;  // drop, dup
     int amount = 0;    // sw (the status word), truncate, length
-    Bytes bytes;       // append
+    Bytes bytes;       // append; respond: the response APDU
     std::string text;  // the fault as written
 
     // Throws std::invalid_argument with what is wrong.
@@ -58,6 +64,8 @@ public:
 
     // "tear@gac1 (GENERATE AC #1)" for every fault that has fired, in order.
     const std::vector<std::string> &Fired() const { return fired_; }
+    // The faults that never found their command, as written.
+    std::vector<std::string> NotFired() const;
 
 private:
     struct Armed {

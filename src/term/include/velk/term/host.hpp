@@ -18,6 +18,7 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "velk/card/card.hpp"
 #include "velk/term/kernel.hpp"
@@ -44,6 +45,18 @@ private:
 // the card's answer to activation (its ATR).
 inline constexpr uint8_t kSignalCardPresent = kSignalResponse;
 
+// A reply the host gives in place of its own handler's, to the nth request
+// with the command (0: to every one): a lying or refusing host.
+struct HostReply {
+    uint8_t command = 0;
+    int nth = 1;
+    std::optional<Bytes> data;      // the reply's data objects (inside 7F01; 7F15 for A3)
+    std::optional<Bytes> raw;       // the reply as it stands, written as given
+    uint32_t status = 0;            // the callback's return value
+    std::optional<uint8_t> signal;  // posted to the kernel before the reply (D6: A1, A6)
+    std::string text;               // how the scenario wrote it, for reports
+};
+
 class Host : public CallbackHandler {
 public:
     Host(const TerminalProfile &terminal, velk::card::Card &card, RandomSource &random,
@@ -65,6 +78,10 @@ public:
     std::chrono::milliseconds card_wait{std::chrono::seconds(30)};
     // Called when the kernel asks for the card to be presented again (FE).
     std::function<void()> on_restart;
+    // Replies given in place of the handlers'.
+    void SetReplies(std::vector<HostReply> replies) { replies_ = std::move(replies); }
+    // Those that never found their request, as written.
+    std::vector<std::string> RepliesNotUsed() const;
 
 private:
     struct Reply {
@@ -101,6 +118,10 @@ private:
     int entry_ = 1;
     std::optional<Bytes> context_;
     std::vector<std::string> errors_;
+    std::vector<HostReply> replies_;
+    std::vector<bool> replies_used_;
+    std::map<uint8_t, int> requests_;  // requests seen so far, by command
+    const HostReply *ReplyFor(uint8_t command);
     int restarts_ = 0;
 };
 

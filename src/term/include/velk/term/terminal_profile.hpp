@@ -78,6 +78,8 @@ void ApplyCurrency(TerminalProfile &terminal, const Currency &currency);
 
 // Throws velk::card::ProfileError.
 TerminalProfile LoadTerminalProfile(const std::filesystem::path &path);
+// The same for a file already read (its file names relative to it).
+TerminalProfile ParseTerminalProfile(const velk::card::Field &root);
 std::vector<CaKey> LoadCaKeys(const std::filesystem::path &path);
 
 }  // namespace velk::term

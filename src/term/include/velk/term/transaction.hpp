@@ -12,6 +12,7 @@
 #include "velk/card/card.hpp"
 #include "velk/card/faulty_card.hpp"
 #include "velk/term/explain.hpp"
+#include "velk/term/host.hpp"
 #include "velk/term/issuer.hpp"
 #include "velk/term/kernel.hpp"
 #include "velk/term/terminal_profile.hpp"
@@ -27,6 +28,7 @@ struct PayOptions {
     Bytes time;  // HHMMSS BCD; now when empty
     IssuerConfig issuer;
     std::vector<velk::card::Fault> faults;
+    std::vector<HostReply> host_replies;  // replies given in place of the host's own
     std::optional<uint64_t> seed;
     std::chrono::milliseconds card_wait{std::chrono::seconds(30)};
 };
@@ -73,6 +75,8 @@ struct TransactionReport {
     std::optional<IssuerResponse> issuer;
     Bytes online_context;  // what the kernel stored with the host (A2), if anything
     std::vector<std::string> faults_fired;
+    std::vector<std::string> faults_not_fired;  // faults and given responses never used
+    std::vector<std::string> replies_not_used;  // host replies never asked for
     std::vector<std::string> host_errors;
     int restarts = 0;
     Trace trace;
