@@ -82,7 +82,8 @@ TEST(Scenarios, ExchangesAndPacketsAreComparedByteForByte) {
     r.trace.Apdu(0, "select", FromHex("00A4"), FromHex("9000"));  // the entry point's
     r.trace.Apdu(1, "gpo", FromHex("80A8000002830000"), FromHex("9000"));
     r.trace.Apdu(2, "gac", FromHex("80AE40000B"), FromHex("9000"));
-    r.trace.Callback(1, 0xD4, FromHex("7F010CDF0001D49F0605F056454C4B"), FromHex("7F0100"), 0);
+    r.trace.Answer(r.trace.Callback(1, 0xD4, FromHex("7F010CDF0001D49F0605F056454C4B")),
+                   FromHex("7F0100"), 0);
     const Json holds = Json::parse(R"({"apdus": ["80A8 0000 0283 0000", "80AE..."],
         "callbacks": [{"command": "D4", "payload": "9F0605F056454C4B", "reply": "", "status": "0x0"},
                       {"command": "E9", "never": true}],
