@@ -1,0 +1,228 @@
+// Drivers shared by the kernel's rule families: set and expect kernel state,
+// call a kernel function by name, and look at the database's own bytes.
+//
+//   state:9F02=000000000100, tvr=0000000000      set fields and tags
+//   expect:9F34=3F0001, step=1900, 8E=-          compare them
+//   call:VelkCless_Kernel_Capabilities_IsTrue:0208:8
+//     arguments in hex (numbers, or bytes for a pointer; "-" a null pointer),
+//     then the result
+#include <cstring>
+#include <type_traits>
+#include <utility>
+
+#include "baseKernel.h"
+#include "checked.hpp"
+#include "database.h"
+#include "kn_common.h"
+#include "state.hpp"
+#include "tlv.h"
+
+namespace velk::test {
+namespace {
+
+using Args = std::vector<std::string>;
+
+template <class P>
+P Convert(const std::string &s, std::vector<Bytes> &keep) {
+    if constexpr (std::is_pointer_v<P>) {
+        if (s == "-") return nullptr;
+        keep.push_back(Row::ParseHex(s));
+        if (keep.back().empty()) keep.back().reserve(1);  // never a null data(); others exact size
+        return reinterpret_cast<P>(keep.back().data());
+    } else {
+        return static_cast<P>(std::stoul(s, nullptr, 16));
+    }
+}
+
+template <auto F>
+struct Fn;
+template <class R, class... P, R (*F)(P...)>
+struct Fn<F> {
+    static uint32_t Call(const Args &a) {
+        return Invoke(a, std::index_sequence_for<P...>{});
+    }
+    template <size_t... I>
+    static uint32_t Invoke(const Args &a, std::index_sequence<I...>) {
+        std::vector<Bytes> keep;
+        keep.reserve(sizeof...(P));
+        if constexpr (std::is_void_v<R>) {
+            F(Convert<P>(a.at(I), keep)...);
+            return 0;
+        } else {
+            return static_cast<uint32_t>(F(Convert<P>(a.at(I), keep)...));
+        }
+    }
+    static constexpr size_t kArity = sizeof...(P);
+};
+
+struct Callable {
+    const char *name;
+    uint32_t (*call)(const Args &);
+    size_t arity;
+};
+#define VELK_FN(f) Callable{#f, &Fn<&f>::Call, Fn<&f>::kArity}
+constexpr Callable kCallables[] = {
+    VELK_FN(VelkDataBase_Init),
+    VELK_FN(VelkDataBase_Del_TAG),
+    VELK_FN(VelkDataBase_Tag_IsPresent),
+    VELK_FN(VelkDataBase_Tag_IsNotPresent),
+    VELK_FN(VelkCless_Check_Tag_Length),
+    VELK_FN(VelkCless_Check_IsMultiTagForbidden),
+    VELK_FN(VelkCless_Check_MandatoryDataIsMissing),
+    VELK_FN(VelkCless_Check_DataResoure_NotAllow),
+    VELK_FN(VelkCless_CheckTagValue_IsZero),
+    VELK_FN(VelkCless_CheckTagValue_IsTrue),
+    VELK_FN(VelkCless_Check_Tag_isPresent_InDynamic_TransactionParam),
+    VELK_FN(VelkCless_Check_Tag_isNotPresent_InDynamic_TransactionParam),
+    VELK_FN(VelkCless_Check_ImplementationOption_IsTrue),
+    VELK_FN(VelkCless_Kernel_Capabilities_IsTrue),
+    VELK_FN(VelkCless_CheckTransactionType_IsPresent_Trans_Type_Auth_Appli),
+    VELK_FN(VelkCless_EchoCardIdentifier_9F75_isPartOf_FCI),
+    VELK_FN(VelkCless_FCI_in_DynamicTransParameters_isEqual_To_DataBase_FCI),
+    VELK_FN(VelkCless_TAG_IsPresent_DOL),
+    VELK_FN(VelkCless_PDOLMandatoryCheck),
+    VELK_FN(VelkCless_DATE_LeapYearInt),
+    VELK_FN(VelkCless_DATE_ValidDateInt),
+    VELK_FN(VelkCless_CheckDateValid),
+    VELK_FN(VelkCless_Cardholder_Verification),
+    VELK_FN(VelkCless_Cardholder_Verification_CVMList),
+    VELK_FN(VelkCless_CVM_Code_recognized),
+    VELK_FN(VelkCless_CVM_Terminal_IsSupport),
+    VELK_FN(VelkCless_TRM_Process),
+    VELK_FN(VelkCless_Terminal_Exception_File_Check),
+    VELK_FN(VelkCless_Random_Transaction_Select),
+    VELK_FN(VelkCelss_TRM_CheckVelocity),
+    VELK_FN(VelkCless_TAC_IAC_TVR),
+    VELK_FN(VelkCless_Terminal_Action_Analysis),
+    VELK_FN(VelkCless_SetTransactionStep),
+    VELK_FN(VelkCless_GetTransactionStep),
+    VELK_FN(VelkCless_Set_TransactionType),
+    VELK_FN(VelkCless_Set_Contactless_PreProcessing_Indicators),
+    VELK_FN(VelkCless_Set_Terminal_Action_Analysis_Result),
+    VELK_FN(VelkCless_Processing_Restrictions),
+    VELK_FN(VelkCless_CVM_checkCondition),
+    VELK_FN(VelkCless_Set_Offline_CAM_Selected_Indicator),
+    VELK_FN(VelkCless_Set_CDA_Signature_Requested),
+};
+#undef VELK_FN
+
+// cvm_list:list:code (VelkCless_CVM_List_Processing into the CVM Results)
+VELK_DRIVER(cvm_list) {
+    const Bytes l = row.Hex(0);
+    row.Eq("code", row.U(1),
+           VelkCless_CVM_List_Processing(l.data(), static_cast<uint32_t>(l.size()), pgbVelkGlobalValue->ucCVMResult));
+}
+
+// state:items
+VELK_DRIVER(state) {
+    SetState(row, row.Arg(0));
+}
+
+// expect:items
+VELK_DRIVER(expect) {
+    ExpectState(row, row.Arg(0));
+}
+
+// call:function:arguments...:result
+VELK_DRIVER(call) {
+    for (const Callable &c : kCallables) {
+        if (row.Arg(0) != c.name) continue;
+        if (row.args.size() != c.arity + 2) {
+            row.Eq("arguments", c.arity + 2, row.args.size());
+            return;
+        }
+        const Args a(row.args.begin() + 1, row.args.end() - 1);
+        row.Eq(row.Arg(0), row.U(c.arity + 1), c.call(a));
+        return;
+    }
+    row.Eq("function", row.Arg(0), "none of that name");
+}
+
+// db:bytes (the database area's 7F01 as it stands, and that it is one
+// well-formed element inside the area)
+VELK_DRIVER(db) {
+    const uint8_t *d = pgbVelkGlobalValue->ucDataBasebuf;
+    const uint32_t total = TLV_GetTlvTotalLen(d);
+    row.Eq("database", row.Hex(0), Bytes(d, d + std::min<uint32_t>(total, VELK_DATABASE_LEN)));
+    if (total <= 3) return;
+    row.Eq("well-formed length", total, velk::WellFormedLen(d, VELK_DATABASE_LEN));
+}
+
+// db_used:count (uiUseBuflen)
+VELK_DRIVER(db_used) {
+    row.Eq("uiUseBuflen", row.U(0), pgbVelkGlobalValue->uiUseBuflen);
+}
+
+// set:tag:value:code (VelkDataBase_Set_TAG); set_obj the same through
+// VelkDataBase_SetTAG
+VELK_DRIVER(set) {
+    const Bytes v = row.Hex(1);
+    row.Eq("code", row.U(2), VelkDataBase_Set_TAG(row.U(0), static_cast<uint32_t>(v.size()), v.data()));
+}
+VELK_DRIVER(set_obj) {
+    Bytes v = row.Hex(1);
+    OBJECT_TAG o{row.U(0), static_cast<uint32_t>(v.size()), v.data()};
+    row.Eq("code", row.U(2), VelkDataBase_SetTAG(&o));
+}
+
+// set_from:tag:source tag:offset:length:code (a value taken from the
+// database's own bytes)
+VELK_DRIVER(set_from) {
+    OBJECT_TAG o{};
+    row.Eq("source present", 0u, VelkDataBase_GetTagValue(row.U(1), &o));
+    if (o.pValue == nullptr) return;
+    row.Eq("code", row.U(4), VelkDataBase_Set_TAG(row.U(0), row.U(3), o.pValue + row.U(2)));
+}
+
+// get:tag:capacity:code:length:bytes (VelkDataBase_Get_TagValue with a
+// buffer, "0" capacity for the length alone, and DbGet bounded by it); a
+// failed get leaves the length at 77
+VELK_DRIVER(get) {
+    const uint32_t cap = row.U(1);
+    uint8_t out[64];
+    std::memset(out, 0xEE, sizeof out);
+    uint32_t len = 0x77;
+    if (cap == 0) {
+        row.Eq("code", row.U(2), VelkDataBase_Get_TagValue(row.U(0), &len, nullptr));
+    } else {
+        uint8_t full[300];
+        uint32_t fullLen = 0x77;
+        row.Eq("whole-value code", row.U(2), VelkDataBase_Get_TagValue(row.U(0), &fullLen, full));
+        if (fullLen <= row.U(1)) row.Eq("whole value", row.Hex(4), Bytes(full, full + std::min<uint32_t>(fullLen, 300)));
+        if (row.Eq("code", row.U(2), velk::DbGet(row.U(0), out, cap, &len)) && row.U(2) == 0)
+            row.Eq("bytes", row.Hex(4), Bytes(out, out + std::min<uint32_t>(len, sizeof out)));
+    }
+    row.Eq("length", row.U(3), len);
+    OBJECT_TAG o{1, 2, nullptr};
+    if (VelkDataBase_GetTagValue(row.U(0), &o) != 0) row.Eq("object untouched", 1u, o.uiTag);
+}
+
+// element:bytes:code:tag:length:value offset (VelkCless_Get_TLV_DataElement;
+// "-" bytes: a null pointer; a refusal leaves the view untouched)
+VELK_DRIVER(element) {
+    Bytes e = row.Arg(0) == "-" ? Bytes{} : row.Hex(0);
+    OBJECT_TAG o{1, 1, nullptr};
+    row.Eq("code", row.U(1), VelkCless_Get_TLV_DataElement(e.empty() ? nullptr : e.data(), &o));
+    row.Eq("tag", row.U(2), o.uiTag);
+    row.Eq("length", row.U(3), o.uiLength);
+    if (o.pValue != nullptr) row.Eq("value offset", row.U(4), static_cast<uint32_t>(o.pValue - e.data()));
+}
+
+// wipe:count (zeroes the first bytes of the database area)
+VELK_DRIVER(wipe) {
+    std::memset(pgbVelkGlobalValue->ucDataBasebuf, 0, row.U(0));
+}
+
+// month_days:year:month:code:days (VelkCless_DATE_MonthDaysInt, decimal
+// year and month; "-" days: a null output)
+VELK_DRIVER(month_days) {
+    uint32_t days = 0;
+    const bool null = row.Arg(3) == "-";
+    row.Eq("code", row.U(2),
+           VelkCless_DATE_MonthDaysInt(static_cast<uint32_t>(std::stoul(row.Arg(0))),
+                                       static_cast<uint32_t>(std::stoul(row.Arg(1))), null ? nullptr : &days));
+    if (!null) row.Eq("days", std::stoul(row.Arg(3)), days);
+}
+
+}  // namespace
+}  // namespace velk::test
