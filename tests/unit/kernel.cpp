@@ -7,6 +7,8 @@
 //     arguments in hex (numbers, or bytes for a pointer; "-" a null pointer),
 //     then the result
 #include <cstring>
+#include <deque>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 
@@ -14,6 +16,7 @@
 #include "checked.hpp"
 #include "database.h"
 #include "kn_common.h"
+#include "kn_tlv.h"
 #include "state.hpp"
 #include "tlv.h"
 
@@ -22,9 +25,25 @@ namespace {
 
 using Args = std::vector<std::string>;
 
+// The buffers of the last call: its pointer arguments, in order, as they
+// were left (row "buffer:index:bytes" compares one).
+std::vector<Bytes> &LastBuffers() {
+    static std::vector<Bytes> buffers;
+    return buffers;
+}
+// Its uint32_t pointer arguments as they were left ("number:index:value").
+std::deque<uint32_t> &LastNumbers() {
+    static std::deque<uint32_t> numbers;
+    return numbers;
+}
+
+// A pointer argument: bytes ("-" null); a uint32_t pointer points at the
+// number given.
 template <class P>
-P Convert(const std::string &s, std::vector<Bytes> &keep) {
-    if constexpr (std::is_pointer_v<P>) {
+P Convert(const std::string &s, std::vector<Bytes> &keep, std::deque<uint32_t> &numbers) {
+    if constexpr (std::is_pointer_v<P> && std::is_same_v<std::remove_cv_t<std::remove_pointer_t<P>>, uint32_t>) {
+        return &numbers.emplace_back(static_cast<uint32_t>(std::stoul(s, nullptr, 16)));
+    } else if constexpr (std::is_pointer_v<P>) {
         if (s == "-") return nullptr;
         keep.push_back(Row::ParseHex(s));
         if (keep.back().empty()) keep.back().reserve(1);  // never a null data(); others exact size
@@ -34,34 +53,92 @@ P Convert(const std::string &s, std::vector<Bytes> &keep) {
     }
 }
 
+std::string Hex32(uint32_t v) {
+    char b[12];
+    std::snprintf(b, sizeof b, "%X", v);
+    return b;
+}
+
+// Calls F with the row's arguments; the result in hex, a pointer result as
+// its offset into the first pointer argument ("-" null).
 template <auto F>
 struct Fn;
 template <class R, class... P, R (*F)(P...)>
 struct Fn<F> {
-    static uint32_t Call(const Args &a) {
+    static std::string Call(const Args &a) {
         return Invoke(a, std::index_sequence_for<P...>{});
     }
     template <size_t... I>
-    static uint32_t Invoke(const Args &a, std::index_sequence<I...>) {
+    static std::string Invoke(const Args &a, std::index_sequence<I...>) {
         std::vector<Bytes> keep;
         keep.reserve(sizeof...(P));
+        std::deque<uint32_t> numbers;
+        // A braced list converts the arguments in order, left to right.
+        std::tuple<P...> args{Convert<P>(a.at(I), keep, numbers)...};
+        std::string result = "0";
         if constexpr (std::is_void_v<R>) {
-            F(Convert<P>(a.at(I), keep)...);
-            return 0;
+            std::apply(F, args);
+        } else if constexpr (std::is_pointer_v<R>) {
+            auto *base = keep.empty() ? nullptr : keep.front().data();
+            const auto *r = reinterpret_cast<const uint8_t *>(std::apply(F, args));
+            result = r == nullptr ? "-" : Hex32(static_cast<uint32_t>(r - base));
         } else {
-            return static_cast<uint32_t>(F(Convert<P>(a.at(I), keep)...));
+            result = Hex32(static_cast<uint32_t>(std::apply(F, args)));
         }
+        LastBuffers() = std::move(keep);
+        LastNumbers() = std::move(numbers);
+        return result;
     }
     static constexpr size_t kArity = sizeof...(P);
 };
 
 struct Callable {
     const char *name;
-    uint32_t (*call)(const Args &);
+    std::string (*call)(const Args &);
     size_t arity;
 };
 #define VELK_FN(f) Callable{#f, &Fn<&f>::Call, Fn<&f>::kArity}
+#define VELK_FN_AS(name, f) Callable{name, &Fn<&f>::Call, Fn<&f>::kArity}
 constexpr Callable kCallables[] = {
+    VELK_FN(TLV_GetValue),
+    VELK_FN(TLV_GenLen),
+    VELK_FN(TLV_Get_Tag_Len),
+    VELK_FN(TLV_New),
+    VELK_FN(TLV_AddTag),
+    VELK_FN(TLV_AddTag_TLV),
+    VELK_FN(TLV_AddTag_UpDataMode),
+    VELK_FN(TLV_DelTag),
+    VELK_FN(TLV_FindTag),
+    VELK_FN(TLV_FindTag_Ex),
+    VELK_FN(TLV_FindChildTag),
+    VELK_FN(TLV_Check_Format),
+    VELK_FN(TLV_Check_Format2),
+    VELK_FN(Parse_TLV_buffer),
+    VELK_FN_AS("WellFormedLen", velk::WellFormedLen),
+    VELK_FN_AS("FindInSequence", velk::FindInSequence),
+    VELK_FN_AS("NewChecked", velk::NewChecked),
+    VELK_FN_AS("AddTagChecked", velk::AddTagChecked),
+    VELK_FN_AS("AddTagUpdateChecked", velk::AddTagUpdateChecked),
+    VELK_FN(tlv_new_),
+    VELK_FN(tlv_get_t_),
+    VELK_FN(tlv_get_t_len_),
+    VELK_FN(tlv_get_l_),
+    VELK_FN(tlv_get_l_len_),
+    VELK_FN(tlv_get_v_),
+    VELK_FN(tlv_get_node_l_),
+    VELK_FN(tlv_is_composite_),
+    VELK_FN(tlv_add_child_),
+    VELK_FN(tlv_replace_),
+    VELK_FN(tlv_move_),
+    VELK_FN(tlv_batch_move_),
+    VELK_FN(aschextobin),
+    VELK_FN(bintoaschex),
+    VELK_FN(Asc_To_Hex),
+    VELK_FN(Hex_To_Asc),
+    VELK_FN(Bcd_To_Long),
+    VELK_FN(Hex_To_Long),
+    VELK_FN(Long_to_Hex),
+    VELK_FN(Long_To_Bcd),
     VELK_FN(VelkDataBase_Init),
     VELK_FN(VelkDataBase_Del_TAG),
     VELK_FN(VelkDataBase_Tag_IsPresent),
@@ -105,6 +182,7 @@ constexpr Callable kCallables[] = {
     VELK_FN(VelkCless_Set_CDA_Signature_Requested),
 };
 #undef VELK_FN
+#undef VELK_FN_AS
 
 // cvm_list:list:code (VelkCless_CVM_List_Processing into the CVM Results)
 VELK_DRIVER(cvm_list) {
@@ -123,6 +201,20 @@ VELK_DRIVER(expect) {
     ExpectState(row, row.Arg(0));
 }
 
+// buffer:index:bytes (the start of the last call's index-th pointer argument)
+VELK_DRIVER(buffer) {
+    const Bytes want = row.Hex(1);
+    const size_t i = row.U(0);
+    const Bytes got = i < LastBuffers().size() ? LastBuffers()[i] : Bytes{};
+    row.Eq("buffer", want, Bytes(got.begin(), got.begin() + static_cast<long>(std::min(want.size(), got.size()))));
+}
+
+// number:index:value (the last call's index-th uint32_t pointer argument)
+VELK_DRIVER(number) {
+    const size_t i = row.U(0);
+    row.Eq("number", row.U(1), i < LastNumbers().size() ? LastNumbers()[i] : 0xDEADu);
+}
+
 // call:function:arguments...:result
 VELK_DRIVER(call) {
     for (const Callable &c : kCallables) {
@@ -132,7 +224,8 @@ VELK_DRIVER(call) {
             return;
         }
         const Args a(row.args.begin() + 1, row.args.end() - 1);
-        row.Eq(row.Arg(0), row.U(c.arity + 1), c.call(a));
+        const std::string &want = row.Arg(c.arity + 1);
+        row.Eq(row.Arg(0), want == "-" ? want : Hex32(row.U(c.arity + 1)), c.call(a));
         return;
     }
     row.Eq("function", row.Arg(0), "none of that name");
