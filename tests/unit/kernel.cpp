@@ -41,10 +41,12 @@ std::deque<uint32_t> &LastNumbers() {
 // number given.
 template <class P>
 P Convert(const std::string &s, std::vector<Bytes> &keep, std::deque<uint32_t> &numbers) {
+    if constexpr (std::is_pointer_v<P>) {
+        if (s == "-") return nullptr;
+    }
     if constexpr (std::is_pointer_v<P> && std::is_same_v<std::remove_cv_t<std::remove_pointer_t<P>>, uint32_t>) {
         return &numbers.emplace_back(static_cast<uint32_t>(std::stoul(s, nullptr, 16)));
     } else if constexpr (std::is_pointer_v<P>) {
-        if (s == "-") return nullptr;
         keep.push_back(Row::ParseHex(s));
         if (keep.back().empty()) keep.back().reserve(1);  // never a null data(); others exact size
         return reinterpret_cast<P>(keep.back().data());
@@ -180,6 +182,13 @@ constexpr Callable kCallables[] = {
     VELK_FN(VelkCless_CVM_checkCondition),
     VELK_FN(VelkCless_Set_Offline_CAM_Selected_Indicator),
     VELK_FN(VelkCless_Set_CDA_Signature_Requested),
+    VELK_FN(VelkCless_Get_CDA_Signature_Requested),
+    VELK_FN(VelkCless_Get_Offline_CAM_Selected_Indicator),
+    VELK_FN(VelkCless_Get_Terminal_Action_Analysis_Result),
+    VELK_FN(VelkCless_Compare_5A_57_Data),
+    VELK_FN(VelkCless_Read_Complete),
+    VELK_FN(VelkCless_VerifyMandatoryDataElement_InKernelTransDatabase),
+    VELK_FN(VelkCless_GenerateDOL_Response),
 };
 #undef VELK_FN
 #undef VELK_FN_AS
@@ -201,12 +210,27 @@ VELK_DRIVER(expect) {
     ExpectState(row, row.Arg(0));
 }
 
-// buffer:index:bytes (the start of the last call's index-th pointer argument)
+// buffer:index:bytes (the start of the last call's index-th pointer
+// argument; "??*N" leaves N bytes unchecked)
 VELK_DRIVER(buffer) {
-    const Bytes want = row.Hex(1);
     const size_t i = row.U(0);
     const Bytes got = i < LastBuffers().size() ? LastBuffers()[i] : Bytes{};
-    row.Eq("buffer", want, Bytes(got.begin(), got.begin() + static_cast<long>(std::min(want.size(), got.size()))));
+    std::string want, seen;
+    size_t at = 0;
+    for (size_t pos = 0; pos < row.Arg(1).size();) {
+        const size_t end = std::min(row.Arg(1).find(' ', pos), row.Arg(1).size());
+        const std::string word = row.Arg(1).substr(pos, end - pos);
+        pos = end + 1;
+        if (word.starts_with("??*")) {
+            at += std::stoul(word.substr(3));
+            continue;
+        }
+        const Bytes part = Row::ParseHex(word);
+        want += host::ToHex(part);
+        for (size_t k = 0; k < part.size(); ++k, ++at)
+            seen += at < got.size() ? host::ToHex(Bytes{got[at]}) : "--";
+    }
+    row.Eq("buffer", want, seen);
 }
 
 // number:index:value (the last call's index-th uint32_t pointer argument)
