@@ -1,0 +1,102 @@
+// The host of step rows: a step that talks to the card or the host gets its
+// answers from the rows, and the rows check what it sent.
+//
+//   host                       install this host (fresh) as the callback
+//   card:R-APDU                the next APDU is answered so
+//   card_signal:A5             the next APDU gets no answer; this signal instead
+//   random:XX                  D5 answers 9F37 = XX 00 00 00 ("-": no 9F37)
+//   exception:XX               E6 answers DF05 = XX ("-": no DF05)
+//   sent:C-APDU:C-APDU...      the APDUs sent so far, in order ("-" none)
+//   commands:D5 F1 ...         the callback commands so far, in order
+//   unanswered:N               answers not taken
+#include <deque>
+#include <optional>
+
+#include "emv_kernel.h"
+#include "global.h"
+#include "rows.hpp"
+
+namespace velk::test {
+namespace {
+
+struct RowHost {
+    struct Answer {
+        Bytes rapdu;
+        uint8_t signal = 0;
+    };
+    std::deque<Answer> answers;
+    std::vector<Bytes> sent;
+    std::vector<uint8_t> commands;
+    std::optional<uint8_t> random = 0;
+    std::optional<Bytes> exceptionFile;
+};
+RowHost host_;
+
+uint32_t Reply(uint8_t *buf, uint32_t *len, const Bytes &children) {
+    const Bytes r = host::Tlv(0x7F01, children);
+    std::copy(r.begin(), r.end(), buf);
+    *len = static_cast<uint32_t>(r.size());
+    return 0;
+}
+
+uint32_t Callback(uint8_t *buf, uint32_t *len) {
+    const auto nodes = host::ParseTlv(Bytes(buf, buf + *len), false);
+    const host::TlvNode *cmd = host::Find(nodes, 0xDF00);
+    const uint8_t code = cmd != nullptr && !cmd->value.empty() ? cmd->value[0] : 0;
+    host_.commands.push_back(code);
+    if (code == 0xD5)
+        return Reply(buf, len, host_.random ? host::Tlv(0x9F37, Bytes{*host_.random, 0, 0, 0}) : Bytes{});
+    if (code == 0xE6) return Reply(buf, len, host_.exceptionFile ? host::Tlv(0xDF05, *host_.exceptionFile) : Bytes{});
+    if (code != 0xF1) return Reply(buf, len, {});
+    const host::TlvNode *apdu = host::Find(nodes, 0xDF01);
+    host_.sent.push_back(apdu != nullptr ? apdu->value : Bytes{});
+    if (host_.answers.empty()) return 1;
+    const RowHost::Answer a = host_.answers.front();
+    host_.answers.pop_front();
+    if (a.signal == 0) return Reply(buf, len, host::Tlv(0xDF03, a.rapdu));
+    static ClessSignal_Message signal;
+    signal = ClessSignal_Message{a.signal, nullptr, 0};
+    Kernel_Customized_Contactless_VELK_(reinterpret_cast<uint8_t *>(&signal));
+    return Reply(buf, len, host::Tlv(0xDF00, Bytes{0xF1}));
+}
+
+std::string List(const std::vector<Bytes> &items) {
+    std::string s;
+    for (const Bytes &b : items)
+        s += (s.empty() ? "" : " ") + host::ToHex(b);
+    return s.empty() ? "-" : s;
+}
+
+VELK_DRIVER(host) {
+    host_ = RowHost{};
+    row.Eq("callback loaded", 0u, Kernel_load_callback_Routine_VELK_(&Callback, 0));
+}
+VELK_DRIVER(card) {
+    host_.answers.push_back({row.Hex(0), 0});
+}
+VELK_DRIVER(card_signal) {
+    host_.answers.push_back({{}, static_cast<uint8_t>(row.U(0))});
+}
+VELK_DRIVER(random) {
+    host_.random.reset();
+    if (row.Arg(0) != "-") host_.random = static_cast<uint8_t>(row.U(0));
+}
+VELK_DRIVER(exception) {
+    host_.exceptionFile.reset();
+    if (row.Arg(0) != "-") host_.exceptionFile = row.Hex(0);
+}
+VELK_DRIVER(sent) {
+    std::vector<Bytes> want;
+    for (size_t i = 0; i < row.args.size(); ++i)
+        if (row.Arg(i) != "-") want.push_back(row.Hex(i));
+    row.Eq("APDUs sent", List(want), List(host_.sent));
+}
+VELK_DRIVER(commands) {
+    row.Eq("callback commands", host::ToHex(row.Hex(0)), host::ToHex(Bytes(host_.commands.begin(), host_.commands.end())));
+}
+VELK_DRIVER(unanswered) {
+    row.Eq("answers not taken", row.U(0), host_.answers.size());
+}
+
+}  // namespace
+}  // namespace velk::test
