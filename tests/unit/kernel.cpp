@@ -189,6 +189,8 @@ constexpr Callable kCallables[] = {
     VELK_FN(VelkCless_Read_Complete),
     VELK_FN(VelkCless_VerifyMandatoryDataElement_InKernelTransDatabase),
     VELK_FN(VelkCless_GenerateDOL_Response),
+    VELK_FN(VelkCless_Initiate_Application_Processing),
+    VELK_FN(EMV_Check_AFL),
 };
 #undef VELK_FN
 #undef VELK_FN_AS
@@ -214,23 +216,7 @@ VELK_DRIVER(expect) {
 // argument; "??*N" leaves N bytes unchecked)
 VELK_DRIVER(buffer) {
     const size_t i = row.U(0);
-    const Bytes got = i < LastBuffers().size() ? LastBuffers()[i] : Bytes{};
-    std::string want, seen;
-    size_t at = 0;
-    for (size_t pos = 0; pos < row.Arg(1).size();) {
-        const size_t end = std::min(row.Arg(1).find(' ', pos), row.Arg(1).size());
-        const std::string word = row.Arg(1).substr(pos, end - pos);
-        pos = end + 1;
-        if (word.starts_with("??*")) {
-            at += std::stoul(word.substr(3));
-            continue;
-        }
-        const Bytes part = Row::ParseHex(word);
-        want += host::ToHex(part);
-        for (size_t k = 0; k < part.size(); ++k, ++at)
-            seen += at < got.size() ? host::ToHex(Bytes{got[at]}) : "--";
-    }
-    row.Eq("buffer", want, seen);
+    row.Matches("buffer", row.Arg(1), i < LastBuffers().size() ? LastBuffers()[i] : Bytes{});
 }
 
 // number:index:value (the last call's index-th uint32_t pointer argument)

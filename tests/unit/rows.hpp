@@ -56,6 +56,26 @@ struct Row {
         }
         return host::FromHex(digits);
     }
+    // Compares bytes with expected hex in which "??*N" leaves N bytes
+    // unchecked (and ends the comparison when last).
+    bool Matches(std::string_view what, std::string_view want, const Bytes &got) {
+        std::string w, seen;
+        size_t at = 0;
+        for (size_t pos = 0; pos < want.size();) {
+            const size_t end = std::min(want.find(' ', pos), want.size());
+            const std::string_view word = want.substr(pos, end - pos);
+            pos = end + 1;
+            if (word.starts_with("??*")) {
+                at += std::stoul(std::string(word.substr(3)));
+                continue;
+            }
+            const Bytes part = ParseHex(word);
+            w += host::ToHex(part);
+            for (size_t k = 0; k < part.size(); ++k, ++at)
+                seen += at < got.size() ? host::ToHex(Bytes{got[at]}) : "--";
+        }
+        return Eq(what, w, seen);
+    }
     bool Eq(std::string_view what, const std::string &want, const std::string &got) {
         if (want == got) return true;
         std::printf("%s:%d: %s: %.*s: expected %s, got %s\n", file.c_str(), line, name.c_str(),

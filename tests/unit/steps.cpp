@@ -6,7 +6,8 @@
 //   card_signal:A5             the next APDU gets no answer; this signal instead
 //   random:XX                  D5 answers 9F37 = XX 00 00 00 ("-": no 9F37)
 //   exception:XX               E6 answers DF05 = XX ("-": no DF05)
-//   sent:C-APDU:C-APDU...      the APDUs sent so far, in order ("-" none)
+//   sent:C-APDU:C-APDU...      the APDUs sent so far, in order ("-" none;
+//                              "??*N" leaves N bytes unchecked)
 //   commands:D5 F1 ...         the callback commands so far, in order
 //   unanswered:N               answers not taken
 #include <deque>
@@ -60,13 +61,6 @@ uint32_t Callback(uint8_t *buf, uint32_t *len) {
     return Reply(buf, len, host::Tlv(0xDF00, Bytes{0xF1}));
 }
 
-std::string List(const std::vector<Bytes> &items) {
-    std::string s;
-    for (const Bytes &b : items)
-        s += (s.empty() ? "" : " ") + host::ToHex(b);
-    return s.empty() ? "-" : s;
-}
-
 VELK_DRIVER(host) {
     host_ = RowHost{};
     row.Eq("callback loaded", 0u, Kernel_load_callback_Routine_VELK_(&Callback, 0));
@@ -86,10 +80,10 @@ VELK_DRIVER(exception) {
     if (row.Arg(0) != "-") host_.exceptionFile = row.Hex(0);
 }
 VELK_DRIVER(sent) {
-    std::vector<Bytes> want;
-    for (size_t i = 0; i < row.args.size(); ++i)
-        if (row.Arg(i) != "-") want.push_back(row.Hex(i));
-    row.Eq("APDUs sent", List(want), List(host_.sent));
+    const size_t n = row.Arg(0) == "-" ? 0 : row.args.size();
+    row.Eq("number of APDUs sent", n, host_.sent.size());
+    for (size_t i = 0; i < n && i < host_.sent.size(); ++i)
+        row.Matches("APDU " + std::to_string(i + 1), row.Arg(i), host_.sent[i]);
 }
 VELK_DRIVER(commands) {
     row.Eq("callback commands", host::ToHex(row.Hex(0)), host::ToHex(Bytes(host_.commands.begin(), host_.commands.end())));
