@@ -191,6 +191,8 @@ constexpr Callable kCallables[] = {
     VELK_FN(VelkCless_GenerateDOL_Response),
     VELK_FN(VelkCless_Initiate_Application_Processing),
     VELK_FN(EMV_Check_AFL),
+    VELK_FN(VelkCless_Read_Record),
+    VELK_FN(VelkCless_ReadApplicationData),
 };
 #undef VELK_FN
 #undef VELK_FN_AS

@@ -2,12 +2,13 @@
 // answers from the rows, and the rows check what it sent.
 //
 //   host                       install this host (fresh) as the callback
-//   card:R-APDU                the next APDU is answered so
+//   card:R-APDU[:count]        the next APDU (or count of them) answered so
 //   card_signal:A5             the next APDU gets no answer; this signal instead
 //   random:XX                  D5 answers 9F37 = XX 00 00 00 ("-": no 9F37)
 //   exception:XX               E6 answers DF05 = XX ("-": no DF05)
 //   sent:C-APDU:C-APDU...      the APDUs sent so far, in order ("-" none;
 //                              "??*N" leaves N bytes unchecked)
+//   sent_count:N[:C-APDU]      N APDUs sent so far, the last one that
 //   commands:D5 F1 ...         the callback commands so far, in order
 //   unanswered:N               answers not taken
 #include <deque>
@@ -66,7 +67,8 @@ VELK_DRIVER(host) {
     row.Eq("callback loaded", 0u, Kernel_load_callback_Routine_VELK_(&Callback, 0));
 }
 VELK_DRIVER(card) {
-    host_.answers.push_back({row.Hex(0), 0});
+    for (uint32_t n = row.Arg(1).empty() ? 1 : row.U(1); n > 0; --n)
+        host_.answers.push_back({row.Hex(0), 0});
 }
 VELK_DRIVER(card_signal) {
     host_.answers.push_back({{}, static_cast<uint8_t>(row.U(0))});
@@ -84,6 +86,10 @@ VELK_DRIVER(sent) {
     row.Eq("number of APDUs sent", n, host_.sent.size());
     for (size_t i = 0; i < n && i < host_.sent.size(); ++i)
         row.Matches("APDU " + std::to_string(i + 1), row.Arg(i), host_.sent[i]);
+}
+VELK_DRIVER(sent_count) {
+    row.Eq("number of APDUs sent", row.U(0), host_.sent.size());
+    if (!row.Arg(1).empty() && !host_.sent.empty()) row.Matches("last APDU", row.Arg(1), host_.sent.back());
 }
 VELK_DRIVER(commands) {
     row.Eq("callback commands", host::ToHex(row.Hex(0)), host::ToHex(Bytes(host_.commands.begin(), host_.commands.end())));
