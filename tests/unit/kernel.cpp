@@ -192,6 +192,10 @@ constexpr Callable kCallables[] = {
     VELK_FN(VelkCless_Initiate_Application_Processing),
     VELK_FN(EMV_Check_AFL),
     VELK_FN(VelkCless_Read_Record),
+    VELK_FN(VelkCless_Card_Action_Analysis_1st_Processing),
+    VELK_FN(VelkCless_Generate_AC_2nd_Command),
+    VELK_FN(VelkCless_Anglyse_Generate_AC_2nd_Response),
+    VELK_FN(VelkCless_ODA_CDA_Save_GAC_Exp9F4B),
     VELK_FN(VelkCless_ReadApplicationData),
 };
 #undef VELK_FN
