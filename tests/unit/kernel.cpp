@@ -192,6 +192,8 @@ constexpr Callable kCallables[] = {
     VELK_FN(VelkCless_Initiate_Application_Processing),
     VELK_FN(EMV_Check_AFL),
     VELK_FN(VelkCless_Read_Record),
+    VELK_FN(VelkCless_Retrieval_Card_Balance),
+    VELK_FN(VelkCless_Kernel_De_Activation),
     VELK_FN(VelkCless_Card_Action_Analysis_1st_Processing),
     VELK_FN(VelkCless_Generate_AC_2nd_Command),
     VELK_FN(VelkCless_Anglyse_Generate_AC_2nd_Response),

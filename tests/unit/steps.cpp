@@ -10,6 +10,8 @@
 //                              "??*N" leaves N bytes unchecked)
 //   sent_count:N[:C-APDU]      N APDUs sent so far, the last one that
 //   commands:D5 F1 ...         the callback commands so far, in order
+//   request:D7:DF8116161704:1  a D7 request holding those bytes was (1) or
+//                              was not (0) sent
 //   unanswered:N               answers not taken
 #include <deque>
 #include <optional>
@@ -29,6 +31,7 @@ struct RowHost {
     std::deque<Answer> answers;
     std::vector<Bytes> sent;
     std::vector<uint8_t> commands;
+    std::vector<Bytes> requests;
     std::optional<uint8_t> random = 0;
     std::optional<Bytes> exceptionFile;
 };
@@ -46,6 +49,7 @@ uint32_t Callback(uint8_t *buf, uint32_t *len) {
     const host::TlvNode *cmd = host::Find(nodes, 0xDF00);
     const uint8_t code = cmd != nullptr && !cmd->value.empty() ? cmd->value[0] : 0;
     host_.commands.push_back(code);
+    host_.requests.emplace_back(buf, buf + *len);
     if (code == 0xD5)
         return Reply(buf, len, host_.random ? host::Tlv(0x9F37, Bytes{*host_.random, 0, 0, 0}) : Bytes{});
     if (code == 0xE6) return Reply(buf, len, host_.exceptionFile ? host::Tlv(0xDF05, *host_.exceptionFile) : Bytes{});
@@ -93,6 +97,13 @@ VELK_DRIVER(sent_count) {
 }
 VELK_DRIVER(commands) {
     row.Eq("callback commands", host::ToHex(row.Hex(0)), host::ToHex(Bytes(host_.commands.begin(), host_.commands.end())));
+}
+VELK_DRIVER(request) {
+    const std::string want = host::ToHex(row.Hex(1));
+    bool seen = false;
+    for (size_t i = 0; i < host_.commands.size(); ++i)
+        seen |= host_.commands[i] == row.U(0) && host::ToHex(host_.requests[i]).find(want) != std::string::npos;
+    row.Eq("a request holding it", row.Arg(2) != "0", seen);
 }
 VELK_DRIVER(unanswered) {
     row.Eq("answers not taken", row.U(0), host_.answers.size());
