@@ -84,17 +84,17 @@ TEST_P(Sda, Code) {
 
 INSTANTIATE_TEST_SUITE_P(
     Checks, Sda,
-    ::testing::Values(SdaCase{"Accepted", {}, 0x03, 0x01, "82", true, 0},
-                      SdaCase{"AcceptedWithoutTagList", {}, 0x03, 0x01, "", false, 0},
-                      SdaCase{"Header", {0x6B, 0xBC, false}, 0x03, 0x01, "82", true, 0x31201},
-                      SdaCase{"Trailer", {0x6A, 0xB0, false}, 0x03, 0x01, "82", true, 0x31201},
-                      SdaCase{"Format", {}, 0x04, 0x01, "82", true, 0x31202},
-                      SdaCase{"HashAlgorithm", {}, 0x03, 0x02, "82", true, 0x31203},
-                      SdaCase{"HashMismatch", {0x6A, 0xBC, true}, 0x03, 0x01, "82", true, 0x31417},
-                      SdaCase{"AipNotSigned", {}, 0x03, 0x01, "82", false, 0x31417},
+    ::testing::Values(SdaCase{{"Accepted"}, {}, 0x03, 0x01, "82", true, 0},
+                      SdaCase{{"AcceptedWithoutTagList"}, {}, 0x03, 0x01, "", false, 0},
+                      SdaCase{{"Header"}, {0x6B, 0xBC, false}, 0x03, 0x01, "82", true, 0x31201},
+                      SdaCase{{"Trailer"}, {0x6A, 0xB0, false}, 0x03, 0x01, "82", true, 0x31201},
+                      SdaCase{{"Format"}, {}, 0x04, 0x01, "82", true, 0x31202},
+                      SdaCase{{"HashAlgorithm"}, {}, 0x03, 0x02, "82", true, 0x31203},
+                      SdaCase{{"HashMismatch"}, {0x6A, 0xBC, true}, 0x03, 0x01, "82", true, 0x31417},
+                      SdaCase{{"AipNotSigned"}, {}, 0x03, 0x01, "82", false, 0x31417},
                       // Stricter than the ICC certificate, on purpose.
-                      SdaCase{"TagList8200", {}, 0x03, 0x01, "8200", true, 0x31416},
-                      SdaCase{"TagListOther", {}, 0x03, 0x01, "9F02", true, 0x31416}),
+                      SdaCase{{"TagList8200"}, {}, 0x03, 0x01, "8200", true, 0x31416},
+                      SdaCase{{"TagListOther"}, {}, 0x03, 0x01, "9F02", true, 0x31416}),
     CaseName());
 
 TEST_F(Signatures, SdaInputsAndTheirTvrBits) {
@@ -161,18 +161,18 @@ const Bytes kDdaDynamic = pki::DdaDynamicData(kNumber);
 INSTANTIATE_TEST_SUITE_P(
     Checks, Dda,
     ::testing::Values(
-        DynamicCase{"Accepted", kDdaDynamic, {}, 0x05, 0x01, {}, 0},
-        DynamicCase{"Header", kDdaDynamic, {0x6B, 0xBC, false}, 0x05, 0x01, {}, 0x44452},
-        DynamicCase{"HeaderBeforeTrailer", kDdaDynamic, {0x00, 0x00, false}, 0x05, 0x01, {}, 0x44452},
-        DynamicCase{"Trailer", kDdaDynamic, {0x6A, 0x00, false}, 0x05, 0x01, {}, 0x44453},
-        DynamicCase{"Format", kDdaDynamic, {}, 0x03, 0x01, {}, 0x44454},
-        DynamicCase{"HashAlgorithm", kDdaDynamic, {}, 0x05, 0x02, {}, 0x44454},
-        DynamicCase{"HashMismatch", kDdaDynamic, {0x6A, 0xBC, true}, 0x05, 0x01, {}, 0x44455},
-        DynamicCase{"DynamicNumberOf9", FromHex("09 010203040506070809"), {}, 0x05, 0x01, {}, 0x44456},
-        DynamicCase{"DynamicDataIntoTheHash", kDdaDynamic, {}, 0x05, 0x01, 0xFF, 0x31224},
-        DynamicCase{"DynamicNumberPastTheData", FromHex("08 0102"), {}, 0x05, 0x01, {}, 0x31224},
-        DynamicCase{"NoDynamicData", Bytes{}, {}, 0x05, 0x01, {}, 0x31224},
-        DynamicCase{"EmptyDynamicNumber", FromHex("00"), {}, 0x05, 0x01, {}, 0x00}),
+        DynamicCase{{"Accepted"}, kDdaDynamic, {}, 0x05, 0x01, {}, 0},
+        DynamicCase{{"Header"}, kDdaDynamic, {0x6B, 0xBC, false}, 0x05, 0x01, {}, 0x44452},
+        DynamicCase{{"HeaderBeforeTrailer"}, kDdaDynamic, {0x00, 0x00, false}, 0x05, 0x01, {}, 0x44452},
+        DynamicCase{{"Trailer"}, kDdaDynamic, {0x6A, 0x00, false}, 0x05, 0x01, {}, 0x44453},
+        DynamicCase{{"Format"}, kDdaDynamic, {}, 0x03, 0x01, {}, 0x44454},
+        DynamicCase{{"HashAlgorithm"}, kDdaDynamic, {}, 0x05, 0x02, {}, 0x44454},
+        DynamicCase{{"HashMismatch"}, kDdaDynamic, {0x6A, 0xBC, true}, 0x05, 0x01, {}, 0x44455},
+        DynamicCase{{"DynamicNumberOf9"}, FromHex("09 010203040506070809"), {}, 0x05, 0x01, {}, 0x44456},
+        DynamicCase{{"DynamicDataIntoTheHash"}, kDdaDynamic, {}, 0x05, 0x01, 0xFF, 0x31224},
+        DynamicCase{{"DynamicNumberPastTheData"}, FromHex("08 0102"), {}, 0x05, 0x01, {}, 0x31224},
+        DynamicCase{{"NoDynamicData"}, Bytes{}, {}, 0x05, 0x01, {}, 0x31224},
+        DynamicCase{{"EmptyDynamicNumber"}, FromHex("00"), {}, 0x05, 0x01, {}, 0x00}),
     CaseName());
 // clang-format on
 
@@ -410,22 +410,22 @@ TEST_P(CamSelection, Rules) {
 INSTANTIATE_TEST_SUITE_P(
     Rules, CamSelection,
     ::testing::Values(
-        Selection{"CdaFirst", "5900", "0000000061", false, 0, true, "", 0, 2, 0x00, 0x1700},
-        Selection{"CdaWithoutCaKey", "5900", "0000000061", false, 0, false, "", 0, 0, 0x04, 0x1700},
-        Selection{"CdaWithoutIccCertificate", "5900", "0000000061", false, 0x9F46, true, "", 0, 0, 0x24, 0x1700},
-        Selection{"CdaNotForAuthenticationTypes", "4100", "0000000061", true, 0, true, "", 0, 1, 0x02, 0x1700},
-        Selection{"DdaInTheAuthenticationFlow", "2000", "0000004061", true, 0, true, "8003AABBCC9000", 0, 3, 0x00, 0x2700},
-        Selection{"DdaInternalAuthenticateFails", "2000", "0000004061", true, 0, true, "6985", 0, 3, 0x08, 0x2700},
-        Selection{"DdaDataMissing", "2000", "0000004061", true, 0x9F47, true, "", 0, 0, 0x28, 0x2700},
-        Selection{"DdaWithoutCaKey", "2000", "0000004061", true, 0, false, "", 0, 0, 0x28, 0x2700},
-        Selection{"NoDdaOutsideTheAuthenticationFlow", "6000", "0000000061", false, 0, true, "", 0, 1, 0x02, 0x1700},
-        Selection{"Sda", "4000", "0000000040", false, 0, true, "", 0, 1, 0x02, 0x1700},
-        Selection{"SdaWithoutSignedData", "4000", "0000000040", false, 0x93, true, "", 0, 0, 0x62, 0x1700},
-        Selection{"SdaWithoutCaKey", "4000", "0000000040", false, 0, false, "", 0, 0, 0x42, 0x1700},
-        Selection{"NoCommonMethod", "4000", "0000000021", false, 0, true, "", 0, 0, 0x80, 0x1700},
-        Selection{"NoMethodOnTheCard", "0000", "0000000061", false, 0, true, "", 0, 0, 0x80, 0x1700},
-        Selection{"NoAip", "", "0000000061", false, 0, true, "", 0x30417, 0, 0x80, 0x1610},
-        Selection{"AipOfThreeBytes", "590000", "0000000061", false, 0, true, "", 0x30418, 0, 0x80, 0x1610}),
+        Selection{{"CdaFirst"}, "5900", "0000000061", false, 0, true, "", 0, 2, 0x00, 0x1700},
+        Selection{{"CdaWithoutCaKey"}, "5900", "0000000061", false, 0, false, "", 0, 0, 0x04, 0x1700},
+        Selection{{"CdaWithoutIccCertificate"}, "5900", "0000000061", false, 0x9F46, true, "", 0, 0, 0x24, 0x1700},
+        Selection{{"CdaNotForAuthenticationTypes"}, "4100", "0000000061", true, 0, true, "", 0, 1, 0x02, 0x1700},
+        Selection{{"DdaInTheAuthenticationFlow"}, "2000", "0000004061", true, 0, true, "8003AABBCC9000", 0, 3, 0x00, 0x2700},
+        Selection{{"DdaInternalAuthenticateFails"}, "2000", "0000004061", true, 0, true, "6985", 0, 3, 0x08, 0x2700},
+        Selection{{"DdaDataMissing"}, "2000", "0000004061", true, 0x9F47, true, "", 0, 0, 0x28, 0x2700},
+        Selection{{"DdaWithoutCaKey"}, "2000", "0000004061", true, 0, false, "", 0, 0, 0x28, 0x2700},
+        Selection{{"NoDdaOutsideTheAuthenticationFlow"}, "6000", "0000000061", false, 0, true, "", 0, 1, 0x02, 0x1700},
+        Selection{{"Sda"}, "4000", "0000000040", false, 0, true, "", 0, 1, 0x02, 0x1700},
+        Selection{{"SdaWithoutSignedData"}, "4000", "0000000040", false, 0x93, true, "", 0, 0, 0x62, 0x1700},
+        Selection{{"SdaWithoutCaKey"}, "4000", "0000000040", false, 0, false, "", 0, 0, 0x42, 0x1700},
+        Selection{{"NoCommonMethod"}, "4000", "0000000021", false, 0, true, "", 0, 0, 0x80, 0x1700},
+        Selection{{"NoMethodOnTheCard"}, "0000", "0000000061", false, 0, true, "", 0, 0, 0x80, 0x1700},
+        Selection{{"NoAip"}, "", "0000000061", false, 0, true, "", 0x30417, 0, 0x80, 0x1610},
+        Selection{{"AipOfThreeBytes"}, "590000", "0000000061", false, 0, true, "", 0x30418, 0, 0x80, 0x1610}),
     CaseName());
 // clang-format on
 
@@ -475,16 +475,16 @@ TEST_P(CamChecking, Rules) {
 INSTANTIATE_TEST_SUITE_P(
     Rules, CamChecking,
     ::testing::Values(
-        Checking{"CdaFailureTurnsTcIntoAac", 2, "40", 0, false, "00", "0000000000"},
-        Checking{"CdaFailureTurnsArqcIntoAac", 2, "80", 0, false, "00", "0000000000"},
-        Checking{"CdaFailureWithoutCid", 2, "", 0, false, "absent", "0000000000"},
-        Checking{"SdaCheckedOnTc", 1, "40", 0, false, "00", "0000000000"},
-        Checking{"SdaNotCheckedOnArqc", 1, "80", 0, false, "80", "0000000000"},
-        Checking{"SdaCheckedWhenTheReaderAsks", 1, "80", 0x04, false, "00", "0000000000"},
-        Checking{"SdaWithoutCid", 1, "", 0x04, false, "absent", "0000000000"},
-        Checking{"SdaInTheAuthenticationFlowSetsTheTvr", 1, "80", 0, true, "80", "4000000000"},
-        Checking{"DdaSetsTheTvr", 3, "80", 0, true, "80", "0800000000"},
-        Checking{"NothingSelected", 0, "40", 0, false, "40", "0000000000"}),
+        Checking{{"CdaFailureTurnsTcIntoAac"}, 2, "40", 0, false, "00", "0000000000"},
+        Checking{{"CdaFailureTurnsArqcIntoAac"}, 2, "80", 0, false, "00", "0000000000"},
+        Checking{{"CdaFailureWithoutCid"}, 2, "", 0, false, "absent", "0000000000"},
+        Checking{{"SdaCheckedOnTc"}, 1, "40", 0, false, "00", "0000000000"},
+        Checking{{"SdaNotCheckedOnArqc"}, 1, "80", 0, false, "80", "0000000000"},
+        Checking{{"SdaCheckedWhenTheReaderAsks"}, 1, "80", 0x04, false, "00", "0000000000"},
+        Checking{{"SdaWithoutCid"}, 1, "", 0x04, false, "absent", "0000000000"},
+        Checking{{"SdaInTheAuthenticationFlowSetsTheTvr"}, 1, "80", 0, true, "80", "4000000000"},
+        Checking{{"DdaSetsTheTvr"}, 3, "80", 0, true, "80", "0800000000"},
+        Checking{{"NothingSelected"}, 0, "40", 0, false, "40", "0000000000"}),
     CaseName());
 
 // An authentication-only transaction type marks a failed SDA in the TVR even
