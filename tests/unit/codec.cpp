@@ -47,7 +47,8 @@ VELK_DRIVER(header) {
 VELK_DRIVER(header_ex) {
     Buf b = WithRoom(row.Arg(0) == "-" ? Bytes{} : row.Hex(0), 8);
     uint32_t tag = 7, len = 7;
-    row.Eq("result", row.U(1), Get_TagAndLen_Ex(row.Arg(0) == "-" ? nullptr : b.data(), &tag, &len));
+    row.Eq("result", row.U(1),
+           Get_TagAndLen_Ex(row.Arg(0) == "-" ? nullptr : b.data(), &tag, &len));
     row.Eq("tag", row.U(2), tag);
     row.Eq("length", row.U(3), len);
 }
@@ -100,7 +101,8 @@ VELK_DRIVER(check) {
     Buf b = WithRoom(row.Hex(0), 0);
     const uint32_t len = static_cast<uint32_t>(b.size());
     row.Eq("TLV_Check_Format", row.U(1), TLV_Check_Format(b.data(), &len));
-    if (!row.Arg(2).empty()) row.Eq("TLV_Check_Format2", row.U(2), TLV_Check_Format2(b.data(), &len));
+    if (!row.Arg(2).empty())
+        row.Eq("TLV_Check_Format2", row.U(2), TLV_Check_Format2(b.data(), &len));
     if (!row.Arg(3).empty()) row.Eq("Parse_TLV_buffer", row.U(3), Parse_TLV_buffer(b.data(), len));
     if (!row.Arg(4).empty()) row.Eq("WellFormedLen", row.U(4), velk::WellFormedLen(b.data(), len));
 }

@@ -15,7 +15,8 @@ namespace {
 // signal record)
 VELK_DRIVER(post) {
     ClessSignal_Message m{static_cast<uint8_t>(row.U(0)), nullptr, row.U(1)};
-    row.Eq("result", row.U(2), Kernel_Customized_Contactless_VELK_(reinterpret_cast<uint8_t *>(&m)));
+    row.Eq("result", row.U(2),
+           Kernel_Customized_Contactless_VELK_(reinterpret_cast<uint8_t *>(&m)));
 }
 
 // take:result:length (one non-blocking receive and the signal's length)

@@ -44,7 +44,8 @@ P Convert(const std::string &s, std::vector<Bytes> &keep, std::deque<uint32_t> &
     if constexpr (std::is_pointer_v<P>) {
         if (s == "-") return nullptr;
     }
-    if constexpr (std::is_pointer_v<P> && std::is_same_v<std::remove_cv_t<std::remove_pointer_t<P>>, uint32_t>) {
+    if constexpr (std::is_pointer_v<P> &&
+                  std::is_same_v<std::remove_cv_t<std::remove_pointer_t<P>>, uint32_t>) {
         return &numbers.emplace_back(static_cast<uint32_t>(std::stoul(s, nullptr, 16)));
     } else if constexpr (std::is_pointer_v<P>) {
         keep.push_back(Row::ParseHex(s));
@@ -67,9 +68,7 @@ template <auto F>
 struct Fn;
 template <class R, class... P, R (*F)(P...)>
 struct Fn<F> {
-    static std::string Call(const Args &a) {
-        return Invoke(a, std::index_sequence_for<P...>{});
-    }
+    static std::string Call(const Args &a) { return Invoke(a, std::index_sequence_for<P...>{}); }
     template <size_t... I>
     static std::string Invoke(const Args &a, std::index_sequence<I...>) {
         std::vector<Bytes> keep;
@@ -99,8 +98,14 @@ struct Callable {
     std::string (*call)(const Args &);
     size_t arity;
 };
-#define VELK_FN(f) Callable{#f, &Fn<&f>::Call, Fn<&f>::kArity}
-#define VELK_FN_AS(name, f) Callable{name, &Fn<&f>::Call, Fn<&f>::kArity}
+#define VELK_FN(f)                              \
+    Callable {                                  \
+#f, &Fn < &f> ::Call, Fn < &f> ::kArity \
+    }
+#define VELK_FN_AS(name, f)                 \
+    Callable {                              \
+        name, &Fn<&f>::Call, Fn<&f>::kArity \
+    }
 constexpr Callable kCallables[] = {
     VELK_FN(TLV_GetValue),
     VELK_FN(TLV_GenLen),
@@ -252,7 +257,8 @@ constexpr Callable kCallables[] = {
 VELK_DRIVER(cvm_list) {
     const Bytes l = row.Hex(0);
     row.Eq("code", row.U(1),
-           VelkCless_CVM_List_Processing(l.data(), static_cast<uint32_t>(l.size()), pgbVelkGlobalValue->ucCVMResult));
+           VelkCless_CVM_List_Processing(l.data(), static_cast<uint32_t>(l.size()),
+                                         pgbVelkGlobalValue->ucCVMResult));
 }
 
 // state:items
@@ -313,7 +319,8 @@ VELK_DRIVER(db_used) {
 // VelkDataBase_SetTAG
 VELK_DRIVER(set) {
     const Bytes v = row.Hex(1);
-    row.Eq("code", row.U(2), VelkDataBase_Set_TAG(row.U(0), static_cast<uint32_t>(v.size()), v.data()));
+    row.Eq("code", row.U(2),
+           VelkDataBase_Set_TAG(row.U(0), static_cast<uint32_t>(v.size()), v.data()));
 }
 VELK_DRIVER(set_obj) {
     Bytes v = row.Hex(1);
@@ -344,7 +351,8 @@ VELK_DRIVER(get) {
         uint8_t full[300];
         uint32_t fullLen = 0x77;
         row.Eq("whole-value code", row.U(2), VelkDataBase_Get_TagValue(row.U(0), &fullLen, full));
-        if (fullLen <= row.U(1)) row.Eq("whole value", row.Hex(4), Bytes(full, full + std::min<uint32_t>(fullLen, 300)));
+        if (fullLen <= row.U(1))
+            row.Eq("whole value", row.Hex(4), Bytes(full, full + std::min<uint32_t>(fullLen, 300)));
         if (row.Eq("code", row.U(2), velk::DbGet(row.U(0), out, cap, &len)) && row.U(2) == 0)
             row.Eq("bytes", row.Hex(4), Bytes(out, out + std::min<uint32_t>(len, sizeof out)));
     }
@@ -361,7 +369,8 @@ VELK_DRIVER(element) {
     row.Eq("code", row.U(1), VelkCless_Get_TLV_DataElement(e.empty() ? nullptr : e.data(), &o));
     row.Eq("tag", row.U(2), o.uiTag);
     row.Eq("length", row.U(3), o.uiLength);
-    if (o.pValue != nullptr) row.Eq("value offset", row.U(4), static_cast<uint32_t>(o.pValue - e.data()));
+    if (o.pValue != nullptr)
+        row.Eq("value offset", row.U(4), static_cast<uint32_t>(o.pValue - e.data()));
 }
 
 // wipe:count (zeroes the first bytes of the database area)
@@ -376,7 +385,8 @@ VELK_DRIVER(month_days) {
     const bool null = row.Arg(3) == "-";
     row.Eq("code", row.U(2),
            VelkCless_DATE_MonthDaysInt(static_cast<uint32_t>(std::stoul(row.Arg(0))),
-                                       static_cast<uint32_t>(std::stoul(row.Arg(1))), null ? nullptr : &days));
+                                       static_cast<uint32_t>(std::stoul(row.Arg(1))),
+                                       null ? nullptr : &days));
     if (!null) row.Eq("days", std::stoul(row.Arg(3)), days);
 }
 

@@ -90,7 +90,8 @@ INSTANTIATE_TEST_SUITE_P(
                       SdaCase{{"Trailer"}, {0x6A, 0xB0, false}, 0x03, 0x01, "82", true, 0x31201},
                       SdaCase{{"Format"}, {}, 0x04, 0x01, "82", true, 0x31202},
                       SdaCase{{"HashAlgorithm"}, {}, 0x03, 0x02, "82", true, 0x31203},
-                      SdaCase{{"HashMismatch"}, {0x6A, 0xBC, true}, 0x03, 0x01, "82", true, 0x31417},
+                      SdaCase{
+                          {"HashMismatch"}, {0x6A, 0xBC, true}, 0x03, 0x01, "82", true, 0x31417},
                       SdaCase{{"AipNotSigned"}, {}, 0x03, 0x01, "82", false, 0x31417},
                       // Stricter than the ICC certificate, on purpose.
                       SdaCase{{"TagList8200"}, {}, 0x03, 0x01, "8200", true, 0x31416},

@@ -28,7 +28,8 @@ Bytes Build(uint32_t cap) {
 
 std::vector<host::TlvNode> Children(const Bytes &packet) {
     const auto nodes = host::ParseTlv(packet, false);
-    return nodes.size() == 1 && nodes[0].tag == 0x7F01 ? nodes[0].children : std::vector<host::TlvNode>{};
+    return nodes.size() == 1 && nodes[0].tag == 0x7F01 ? nodes[0].children
+                                                       : std::vector<host::TlvNode>{};
 }
 
 std::string Tags(const std::vector<host::TlvNode> &nodes) {
@@ -63,7 +64,9 @@ VELK_DRIVER(packet_cut) {
     const auto nodes = Children(full);
     const host::TlvNode *n = host::Find(nodes, row.U(0));
     row.Eq("child present", true, n != nullptr);
-    if (n != nullptr) row.Eq("children", row.Arg(1), Tags(Children(Build(static_cast<uint32_t>(full.size() - n->size)))));
+    if (n != nullptr)
+        row.Eq("children", row.Arg(1),
+               Tags(Children(Build(static_cast<uint32_t>(full.size() - n->size)))));
 }
 
 }  // namespace

@@ -51,17 +51,25 @@ int RunFile(const char *path) {
     std::ifstream in(path);
     if (!in) return std::printf("%s: cannot read\n", path), 1;
     std::string line, name;
-    int lineNo = 0, rows = 0, failed = 0;
+    int lineNo = 0, rows = 0, failed = 0, blockRows = 0, nameLine = 0;
     std::vector<std::pair<int, std::string>> prelude;
+    // A name followed by no row is a mistake in the file.
+    auto endBlock = [&] {
+        if (!name.empty() && name != "Every case" && blockRows == 0)
+            ++failed, std::printf("%s:%d: %s: a case without rows\n", path, nameLine, name.c_str());
+        name.clear();
+    };
     std::unique_ptr<Block> block;
     while (std::getline(in, line)) {
         ++lineNo;
         if (line.empty() || line[0] == '#') {
-            if (line.empty()) name.clear();
+            if (line.empty()) endBlock();
             continue;
         }
         if (name.empty()) {
             name = line;
+            nameLine = lineNo;
+            blockRows = 0;
             block = std::make_unique<Block>();
             Kernel_Set_Local_Param_Pointer_VELK_(block->bytes, sizeof block->bytes);
             Kernel_load_callback_Routine_VELK_(nullptr, 0);
@@ -75,9 +83,10 @@ int RunFile(const char *path) {
             prelude.emplace_back(lineNo, line);
             continue;
         }
-        ++rows;
+        ++rows, ++blockRows;
         failed += !RunLine(path, lineNo, name, line);
     }
+    endBlock();
     pgbVelkGlobalValue = nullptr;
     std::printf("%s: %d rows, %d failed\n", path, rows, failed);
     return failed != 0 || rows == 0;

@@ -103,7 +103,8 @@ struct DriverRegistration {
 
 }  // namespace velk::test
 
-#define VELK_DRIVER(name)                                                       \
-    static void name(::velk::test::Row &);                                      \
-    [[maybe_unused]] static const ::velk::test::DriverRegistration name##_registration{#name, name}; \
+#define VELK_DRIVER(name)                                                                     \
+    static void name(::velk::test::Row &);                                                    \
+    [[maybe_unused]] static const ::velk::test::DriverRegistration name##_registration{#name, \
+                                                                                       name}; \
     static void name(::velk::test::Row &row)

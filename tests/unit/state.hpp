@@ -20,10 +20,15 @@ struct StateField {
     size_t lenOffset;  // the field's length counter (variable fields), else 0
 };
 
-#define VELK_FIELD(n, m) {n, offsetof(VELK_GLOBALVALUE_STRUCT, m), sizeof(VELK_GLOBALVALUE_STRUCT::m), false, 0}
-#define VELK_NUMBER(n, m) {n, offsetof(VELK_GLOBALVALUE_STRUCT, m), 4, true, 0}
-#define VELK_VARIABLE(n, m, l) \
-    {n, offsetof(VELK_GLOBALVALUE_STRUCT, m), sizeof(VELK_GLOBALVALUE_STRUCT::m), false, offsetof(VELK_GLOBALVALUE_STRUCT, l)}
+#define VELK_FIELD(n, m) \
+    { n, offsetof(VELK_GLOBALVALUE_STRUCT, m), sizeof(VELK_GLOBALVALUE_STRUCT::m), false, 0 }
+#define VELK_NUMBER(n, m) \
+    { n, offsetof(VELK_GLOBALVALUE_STRUCT, m), 4, true, 0 }
+#define VELK_VARIABLE(n, m, l)                                                              \
+    {                                                                                       \
+        n, offsetof(VELK_GLOBALVALUE_STRUCT, m), sizeof(VELK_GLOBALVALUE_STRUCT::m), false, \
+            offsetof(VELK_GLOBALVALUE_STRUCT, l)                                            \
+    }
 inline constexpr StateField kStateFields[] = {
     VELK_NUMBER("step", Transaction_Step),
     VELK_FIELD("ttpi", ucTTPI),
@@ -93,7 +98,8 @@ inline std::string StateValue(const std::string &key) {
         if (f->number || f->lenOffset != 0)
             std::memcpy(&n, base + (f->number ? f->offset : f->lenOffset), 4);
         if (f->number) return std::to_string(n);
-        return host::ToHex(Bytes(base + f->offset, base + f->offset + std::min<size_t>(n, f->size)));
+        return host::ToHex(
+            Bytes(base + f->offset, base + f->offset + std::min<size_t>(n, f->size)));
     }
     OBJECT_TAG obj{};
     if (VelkDataBase_GetTagValue(static_cast<uint32_t>(std::stoul(key, nullptr, 16)), &obj) != 0)
@@ -126,7 +132,8 @@ inline void SetState(Row &row, const std::string &list) {
         VelkDataBase_Del_TAG(tag);
         if (IsAbsent(value)) return;
         const Bytes v = Row::ParseHex(value);
-        row.Eq("storing " + key, 0u, VelkDataBase_Set_TAG(tag, static_cast<uint32_t>(v.size()), v.data()));
+        row.Eq("storing " + key, 0u,
+               VelkDataBase_Set_TAG(tag, static_cast<uint32_t>(v.size()), v.data()));
     });
 }
 

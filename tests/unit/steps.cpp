@@ -85,8 +85,11 @@ uint32_t Callback(uint8_t *buf, uint32_t *len) {
         Post(host_.activation, nullptr, 0);
         return Reply(buf, len, {});
     }
-    if (code == 0xD5) return Reply(buf, len, host_.random ? host::Tlv(0x9F37, *host_.random) : Bytes{});
-    if (code == 0xE6) return Reply(buf, len, host_.exceptionFile ? host::Tlv(0xDF05, *host_.exceptionFile) : Bytes{});
+    if (code == 0xD5)
+        return Reply(buf, len, host_.random ? host::Tlv(0x9F37, *host_.random) : Bytes{});
+    if (code == 0xE6)
+        return Reply(buf, len,
+                     host_.exceptionFile ? host::Tlv(0xDF05, *host_.exceptionFile) : Bytes{});
     if (code != 0xF1) return Reply(buf, len, {});
     const host::TlvNode *apdu = host::Find(nodes, 0xDF01);
     host_.sent.push_back(apdu != nullptr ? apdu->value : Bytes{});
@@ -115,7 +118,8 @@ VELK_DRIVER(card_signal) {
 }
 VELK_DRIVER(card_later) {
     const Bytes r = row.Arg(0) == "-" ? Bytes{} : row.Hex(0);
-    host_.answers.push_back({r, 0, true, row.Arg(1).empty() ? static_cast<uint32_t>(r.size()) : row.U(1)});
+    host_.answers.push_back(
+        {r, 0, true, row.Arg(1).empty() ? static_cast<uint32_t>(r.size()) : row.U(1)});
 }
 VELK_DRIVER(random) {
     host_.random.reset();
@@ -138,7 +142,8 @@ VELK_DRIVER(fail) {
 }
 VELK_DRIVER(message) {
     const size_t i = row.U(0);
-    row.Matches("request " + row.Arg(0), row.Arg(1), i < host_.requests.size() ? host_.requests[i] : Bytes{});
+    row.Matches("request " + row.Arg(0), row.Arg(1),
+                i < host_.requests.size() ? host_.requests[i] : Bytes{});
 }
 VELK_DRIVER(exception) {
     host_.exceptionFile.reset();
@@ -152,16 +157,19 @@ VELK_DRIVER(sent) {
 }
 VELK_DRIVER(sent_count) {
     row.Eq("number of APDUs sent", row.U(0), host_.sent.size());
-    if (!row.Arg(1).empty() && !host_.sent.empty()) row.Matches("last APDU", row.Arg(1), host_.sent.back());
+    if (!row.Arg(1).empty() && !host_.sent.empty())
+        row.Matches("last APDU", row.Arg(1), host_.sent.back());
 }
 VELK_DRIVER(commands) {
-    row.Eq("callback commands", host::ToHex(row.Hex(0)), host::ToHex(Bytes(host_.commands.begin(), host_.commands.end())));
+    row.Eq("callback commands", host::ToHex(row.Hex(0)),
+           host::ToHex(Bytes(host_.commands.begin(), host_.commands.end())));
 }
 VELK_DRIVER(request) {
     const std::string want = host::ToHex(row.Hex(1));
     bool seen = false;
     for (size_t i = 0; i < host_.commands.size(); ++i)
-        seen |= host_.commands[i] == row.U(0) && host::ToHex(host_.requests[i]).find(want) != std::string::npos;
+        seen |= host_.commands[i] == row.U(0) &&
+                host::ToHex(host_.requests[i]).find(want) != std::string::npos;
     row.Eq("a request holding it", row.Arg(2) != "0", seen);
 }
 VELK_DRIVER(unanswered) {

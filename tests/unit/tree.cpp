@@ -18,7 +18,8 @@ Buf Tree(const Bytes &t, size_t room = 512) {
     return b;
 }
 Bytes Root(const Buf &b) {
-    return Bytes(b.begin(), b.begin() + static_cast<long>(std::min<size_t>(tlv_get_node_l_(b.data()), b.size())));
+    return Bytes(b.begin(), b.begin() + static_cast<long>(
+                                            std::min<size_t>(tlv_get_node_l_(b.data()), b.size())));
 }
 
 // big_length: a value of 65536 bytes takes the 83 form
@@ -44,7 +45,8 @@ VELK_DRIVER(tree_modify) {
     Buf b = Tree(row.Hex(0));
     const Bytes v = row.Arg(2) == "-" ? Bytes(2) : row.Hex(2);
     row.Eq("result", row.U(3),
-           tlv_modify_(b.data(), row.U(1), static_cast<uint32_t>(v.size()), row.Arg(2) == "-" ? nullptr : v.data()));
+           tlv_modify_(b.data(), row.U(1), static_cast<uint32_t>(v.size()),
+                       row.Arg(2) == "-" ? nullptr : v.data()));
     row.Eq("after", row.Hex(4), Root(b));
     row.Eq("total", row.U(5), tlv_get_node_l_(b.data()));
     row.Eq("p_tlv_src cleared", true, p_tlv_src == nullptr);
