@@ -238,6 +238,8 @@ constexpr Callable kCallables[] = {
     VELK_FN(VelkCless_Create_ErrorOutData),
     VELK_FN(VelkCless_Create_2ndGAC_OnlineData_DataRecord),
     VELK_FN_AS("CreateOnlineRecord", velk::CreateOnlineRecord),
+    VELK_FN_AS("EchoRestartInput", velk::EchoRestartInput),
+    VELK_FN_AS("InputTemplate", velk::InputTemplate),
     VELK_FN(VelkCless_PreProcess),
     VELK_FN(VelkCless_Get_A_Single_Unit_of_Currency_Amount),
     VELK_FN(VelkCless_Set_ECHO_Command_supported),

@@ -20,11 +20,14 @@
 //   commands:D5 F1 ...         the callback commands so far, in order
 //   request:D7:DF8116161704:1  a D7 request holding those bytes was (1) or
 //                              was not (0) sent
+//   request_tags:A2:tags       the tags inside the payload's container of the
+//                              last A2 request
 //   unanswered:N               answers not taken
 #include <deque>
 #include <map>
 #include <optional>
 
+#include "baseKernel.h"
 #include "emv_kernel.h"
 #include "global.h"
 #include "rows.hpp"
@@ -171,6 +174,20 @@ VELK_DRIVER(request) {
         seen |= host_.commands[i] == row.U(0) &&
                 host::ToHex(host_.requests[i]).find(want) != std::string::npos;
     row.Eq("a request holding it", row.Arg(2) != "0", seen);
+}
+VELK_DRIVER(request_tags) {
+    std::string tags = "-";
+    for (size_t i = 0; i < host_.commands.size(); ++i) {
+        if (host_.commands[i] != row.U(0)) continue;
+        const auto nodes = host::ParseTlv(host_.requests[i], false);
+        // The request's payload: one container after DF00, within its bound.
+        const host::TlvNode *c = nodes.empty() || nodes[0].children.size() < 2 ? nullptr : &nodes[0].children[1];
+        tags.clear();
+        for (const auto &n : c != nullptr ? c->children : std::vector<host::TlvNode>{})
+            tags += (tags.empty() ? "" : " ") + host::ToHex(host::EncodeTag(n.tag));
+        if (c != nullptr) row.Eq("container within its bound", true, c->size <= VELK_ONLINE_CONTEXT_LEN);
+    }
+    row.Eq("container's children", row.Arg(1), tags);
 }
 VELK_DRIVER(unanswered) {
     row.Eq("answers not taken", row.U(0), host_.answers.size());
