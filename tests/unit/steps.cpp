@@ -181,11 +181,13 @@ VELK_DRIVER(request_tags) {
         if (host_.commands[i] != row.U(0)) continue;
         const auto nodes = host::ParseTlv(host_.requests[i], false);
         // The request's payload: one container after DF00, within its bound.
-        const host::TlvNode *c = nodes.empty() || nodes[0].children.size() < 2 ? nullptr : &nodes[0].children[1];
+        const host::TlvNode *c =
+            nodes.empty() || nodes[0].children.size() < 2 ? nullptr : &nodes[0].children[1];
         tags.clear();
         for (const auto &n : c != nullptr ? c->children : std::vector<host::TlvNode>{})
             tags += (tags.empty() ? "" : " ") + host::ToHex(host::EncodeTag(n.tag));
-        if (c != nullptr) row.Eq("container within its bound", true, c->size <= VELK_ONLINE_CONTEXT_LEN);
+        if (c != nullptr)
+            row.Eq("container within its bound", true, c->size <= VELK_ONLINE_CONTEXT_LEN);
     }
     row.Eq("container's children", row.Arg(1), tags);
 }
