@@ -107,4 +107,4 @@ struct DriverRegistration {
     static void name(::velk::test::Row &);                                                    \
     [[maybe_unused]] static const ::velk::test::DriverRegistration name##_registration{#name, \
                                                                                        name}; \
-    static void name(::velk::test::Row &row)
+    static void name([[maybe_unused]] ::velk::test::Row &row)
