@@ -197,6 +197,8 @@ constexpr Callable kCallables[] = {
     VELK_FN(VelkCless_Initiate_Application_Processing),
     VELK_FN(EMV_Check_AFL),
     VELK_FN(VelkCless_Read_Record),
+    VELK_FN(VelkCless_ODA_CAM_Selection),
+    VELK_FN(VelkCless_ODA_CAM_Checking),
     VELK_FN(VelkCless_BeforeGAC_Script_Processing),
     VELK_FN(VelkCless_AfterGAC_Script_Processing),
     VELK_FN(VelkCless_Check_Script_IsPresent),
@@ -314,6 +316,24 @@ VELK_DRIVER(db) {
     row.Eq("database", row.Hex(0), Bytes(d, d + std::min<uint32_t>(total, VELK_DATABASE_LEN)));
     if (total <= 3) return;
     row.Eq("well-formed length", total, velk::WellFormedLen(d, VELK_DATABASE_LEN));
+}
+
+// snapshot, then unchanged:tag (the database as at the snapshot once that
+// tag is deleted)
+Bytes &Snapshot() {
+    static Bytes snapshot;
+    return snapshot;
+}
+Bytes DatabaseBytes() {
+    const uint8_t *d = pgbVelkGlobalValue->ucDataBasebuf;
+    return Bytes(d, d + std::min<uint32_t>(TLV_GetTlvTotalLen(d), VELK_DATABASE_LEN));
+}
+VELK_DRIVER(snapshot) {
+    Snapshot() = DatabaseBytes();
+}
+VELK_DRIVER(unchanged) {
+    VelkDataBase_Del_TAG(row.U(0));
+    row.Eq("database", Snapshot(), DatabaseBytes());
 }
 
 // db_used:count (uiUseBuflen)
