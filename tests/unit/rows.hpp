@@ -5,12 +5,12 @@
 //   driver:arg:arg:...
 //
 // with a blank line between blocks; the rows of a block run in turn on one
-// kernel. Arguments are hex ("9F 02 06", "AA*200"
-// for 200 bytes of AA), numbers in hex, or kernel state ("9F34=3F0001,
-// tvr=0000800000, 8E=-" in state.hpp). Drivers register under their name with
-// VELK_DRIVER and compare with Row::Eq; a mismatch prints
-// "file:line: name: what: expected X, got Y". Each block starts on a kernel
-// bound afresh.
+// kernel bound afresh for the block. Arguments are hex ("9F 02 06", "AA*200"
+// for 200 bytes of AA, "??*N" in an expected value for N bytes unchecked),
+// numbers in hex, or kernel state ("9F34=3F0001, tvr=0000800000, 8E=-", see
+// state.hpp). Drivers register under their name with VELK_DRIVER and compare
+// with Row::Eq or Row::Matches; a mismatch prints
+// "file:line: name: what: expected X, got Y".
 #pragma once
 
 #include <cstdint>
