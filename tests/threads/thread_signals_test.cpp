@@ -4,43 +4,76 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <deque>
 #include <thread>
 
 #include "baseKernel.h"
-#include "scripted_host.hpp"
-#include "transaction_data.hpp"
+#include "kernel_fixture.hpp"
+#include "velk/host/tlv.hpp"
 
 namespace velk::test {
 namespace {
 
 using namespace std::chrono_literals;
-using velk::host::FromHex;
-using velk::host::ToHex;
+using host::Bytes;
+using host::FromHex;
 
-TEST(ThreadSignals, CardActivationIsAnsweredFromAnotherThreadAfterADelay) {
-    ScriptedHost host;
-    host.On(VELK_CMD_CARD_ACTIVE, [&host](const Message &) {
-        host.PostFromThread(VELK_SIGNAL_COMM_ERROR_A5, {}, 30ms);
-        return Answer::Keep();
+// What the host's other thread posts for each callback request, after a
+// delay: one signal each, in order; the request itself gets an empty reply.
+struct Later {
+    uint8_t type;
+    Bytes data;
+    std::chrono::milliseconds delay;
+};
+std::deque<Later> g_later;
+std::thread g_poster;
+ClessSignal_Message g_signal;
+
+uint32_t AnswerFromAnotherThread(uint8_t *buf, uint32_t *len) {
+    if (g_poster.joinable()) g_poster.join();
+    const Later next = g_later.front();
+    g_later.pop_front();
+    static Bytes data;
+    data = next.data;
+    g_poster = std::thread([next] {
+        std::this_thread::sleep_for(next.delay);
+        g_signal = {next.type, data.empty() ? nullptr : data.data(),
+                    static_cast<uint32_t>(data.size())};
+        Kernel_Customized_Contactless_VELK_(reinterpret_cast<uint8_t *>(&g_signal));
     });
+    const Bytes reply = FromHex("7F0100");
+    std::copy(reply.begin(), reply.end(), buf);
+    *len = static_cast<uint32_t>(reply.size());
+    return 0;
+}
+
+class ThreadSignals : public ::testing::Test {
+protected:
+    void TearDown() override {
+        if (g_poster.joinable()) g_poster.join();
+    }
+    BoundKernel kernel_{&AnswerFromAnotherThread};
+};
+
+TEST_F(ThreadSignals, CardActivationIsAnsweredFromAnotherThreadAfterADelay) {
+    g_later = {{VELK_SIGNAL_COMM_ERROR_A5, {}, 30ms}};
     EXPECT_EQ(VelkCless_Card_Active(), 0x30103u);
 }
 
-TEST(ThreadSignals, AnApduIsAnsweredLaterByAnA4FromAnotherThread) {
-    ScriptedHost host;
+TEST_F(ThreadSignals, AnApduIsAnsweredLaterByAnA4FromAnotherThread) {
+    g_later = {{VELK_SIGNAL_RAPDU, FromHex("9F1701039000"), 30ms},
+               {VELK_SIGNAL_RAPDU, FromHex("6A88"), 1ms}};
     const Bytes capdu = FromHex("80CA9F1700");
-    host.card = {RespondLater(capdu, FromHex("9F1701039000"), 30ms),
-                 RespondLater(capdu, FromHex("6A88"), 1ms)};
     for (const char *expected : {"9F1701039000", "6A88"}) {
         uint8_t rapdu[32] = {};
         uint32_t len = sizeof rapdu;
         ASSERT_EQ(VelkCless_ExchangeAPDU(capdu.data(), 5, rapdu, &len), 0u);
-        EXPECT_EQ(ToHex({rapdu, len}), expected);
+        EXPECT_EQ(host::ToHex({rapdu, len}), expected);
+        if (g_poster.joinable()) g_poster.join();
     }
 }
 
-TEST(ThreadSignals, SignalsPostedByAnotherThreadArriveInTheirOrder) {
-    BoundKernel kernel;
+TEST_F(ThreadSignals, SignalsPostedByAnotherThreadArriveInTheirOrder) {
     std::thread poster([] {
         for (uint8_t i = 0; i < 20; ++i) {
             ClessSignal_Message signal{static_cast<uint8_t>(0x10 + i), nullptr, i};

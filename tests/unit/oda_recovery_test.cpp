@@ -124,12 +124,12 @@ TEST_P(IssuerKeys, RecoversTheIssuerModulusAndAsksTheRevocationList) {
 
 INSTANTIATE_TEST_SUITE_P(
     Combinations, IssuerKeys,
-    ::testing::Values(KeyCase{"Ca1152e3_Issuer744", keys::Ca1152, keys::Issuer744, 0},
-                      KeyCase{"Ca1152e3_Issuer864_ExactFit", keys::Ca1152, keys::Issuer864, 0},
-                      KeyCase{"Ca1152e3_Issuer1024", keys::Ca1152, keys::Issuer1024, 20},
-                      KeyCase{"Ca1024e65537_Issuer744_OneByte", keys::Ca1024, keys::Issuer744, 1},
-                      KeyCase{"Ca1024e65537_Issuer864", keys::Ca1024, keys::Issuer864, 16},
-                      KeyCase{"Ca1024e65537_Issuer1024", keys::Ca1024, keys::Issuer1024, 36}),
+    ::testing::Values(KeyCase{{"Ca1152e3_Issuer744"}, keys::Ca1152, keys::Issuer744, 0},
+                      KeyCase{{"Ca1152e3_Issuer864_ExactFit"}, keys::Ca1152, keys::Issuer864, 0},
+                      KeyCase{{"Ca1152e3_Issuer1024"}, keys::Ca1152, keys::Issuer1024, 20},
+                      KeyCase{{"Ca1024e65537_Issuer744_OneByte"}, keys::Ca1024, keys::Issuer744, 1},
+                      KeyCase{{"Ca1024e65537_Issuer864"}, keys::Ca1024, keys::Issuer864, 16},
+                      KeyCase{{"Ca1024e65537_Issuer1024"}, keys::Ca1024, keys::Issuer1024, 36}),
     CaseName());
 
 class IccKeys : public Recovery, public ::testing::WithParamInterface<KeyCase> {};
@@ -149,11 +149,11 @@ TEST_P(IccKeys, RecoversTheIccModulusOverTheStaticData) {
 
 INSTANTIATE_TEST_SUITE_P(
     Combinations, IccKeys,
-    ::testing::Values(KeyCase{"Issuer1024e3_Icc688_ExactFit", keys::Issuer1024, keys::Icc688, 0},
-                      KeyCase{"Issuer1024e3_Icc768", keys::Issuer1024, keys::Icc768, 10},
-                      KeyCase{"Issuer1024e3_Icc1024", keys::Issuer1024, keys::Icc1024, 42},
-                      KeyCase{"Issuer864e65537_Icc688", keys::Issuer864, keys::Icc688, 20},
-                      KeyCase{"Issuer744e3_Icc768e3", keys::Issuer744, keys::Icc768, 45}),
+    ::testing::Values(KeyCase{{"Issuer1024e3_Icc688_ExactFit"}, keys::Issuer1024, keys::Icc688, 0},
+                      KeyCase{{"Issuer1024e3_Icc768"}, keys::Issuer1024, keys::Icc768, 10},
+                      KeyCase{{"Issuer1024e3_Icc1024"}, keys::Issuer1024, keys::Icc1024, 42},
+                      KeyCase{{"Issuer864e65537_Icc688"}, keys::Issuer864, keys::Icc688, 20},
+                      KeyCase{{"Issuer744e3_Icc768e3"}, keys::Issuer744, keys::Icc768, 45}),
     CaseName());
 
 TEST_F(Recovery, HandMadeCertificatesEqualThePkisOwn) {
@@ -212,25 +212,25 @@ TEST_P(IssuerChecks, Code) {
 INSTANTIATE_TEST_SUITE_P(
     Issuer, IssuerChecks,
     ::testing::Values(
-        Fault{"Accepted", None, Keep, 0},
-        Fault{"Trailer", [](auto &, auto &b) { b.trailer = 0xBD; }, Keep, 0x31302},
-        Fault{"Header", [](auto &, auto &b) { b.header = 0x6B; }, Keep, 0x31301},
-        Fault{"TrailerBeforeHeader", [](auto &, auto &b) { b.header = 0x6B, b.trailer = 0xBD; }, Keep, 0x31302},
-        Fault{"Format", [](auto &f, auto &) { f.format = 0x04; }, Keep, 0x31303},
-        Fault{"RemainderMissing", None, [](auto &c) { c.remainder.clear(); }, 0x31314},
-        Fault{"RemainderShort", None, [](auto &c) { c.remainder.pop_back(); }, 0x31308},
-        Fault{"RemainderLong", None, [](auto &c) { c.remainder.push_back(0); }, 0x31308},
-        Fault{"HashMismatch", [](auto &, auto &b) { b.wrongHash = true; }, Keep, 0x31307},
-        Fault{"PanMismatch", [](auto &f, auto &) { f.identity = FromHex("541334FF"); }, Keep, 0x31305},
-        Fault{"FourDigitIdentifier", [](auto &f, auto &) { f.identity = FromHex("5413FFFF"); }, Keep, 0},
-        Fault{"FiveDigitIdentifier", [](auto &f, auto &) { f.identity = FromHex("54133FFF"); }, Keep, 0},
-        Fault{"FifthDigitDiffers", [](auto &f, auto &) { f.identity = FromHex("54134FFF"); }, Keep, 0x31305},
-        Fault{"EightDigitIdentifier", [](auto &f, auto &) { f.identity = FromHex("54133300"); }, Keep, 0},
-        Fault{"Expired", [](auto &f, auto &) { f.expiry = "1224"; }, Keep, 0x31304},
-        Fault{"ExpiryBeforeAlgorithms", [](auto &f, auto &) { f.expiry = "1224", f.hashAlgorithm = 2; }, Keep, 0x31304},
-        Fault{"HashAlgorithm", [](auto &f, auto &) { f.hashAlgorithm = 0x02; }, Keep, 0x31309},
-        Fault{"KeyAlgorithm", [](auto &f, auto &) { f.keyAlgorithm = 0x02; }, Keep, 0x31311},
-        Fault{"CertificateShorterThanTheCaKey", None, [](auto &c) { c.certificate.pop_back(); }, 0x31219}),
+        Fault{{"Accepted"}, None, Keep, 0},
+        Fault{{"Trailer"}, [](auto &, auto &b) { b.trailer = 0xBD; }, Keep, 0x31302},
+        Fault{{"Header"}, [](auto &, auto &b) { b.header = 0x6B; }, Keep, 0x31301},
+        Fault{{"TrailerBeforeHeader"}, [](auto &, auto &b) { b.header = 0x6B, b.trailer = 0xBD; }, Keep, 0x31302},
+        Fault{{"Format"}, [](auto &f, auto &) { f.format = 0x04; }, Keep, 0x31303},
+        Fault{{"RemainderMissing"}, None, [](auto &c) { c.remainder.clear(); }, 0x31314},
+        Fault{{"RemainderShort"}, None, [](auto &c) { c.remainder.pop_back(); }, 0x31308},
+        Fault{{"RemainderLong"}, None, [](auto &c) { c.remainder.push_back(0); }, 0x31308},
+        Fault{{"HashMismatch"}, [](auto &, auto &b) { b.wrongHash = true; }, Keep, 0x31307},
+        Fault{{"PanMismatch"}, [](auto &f, auto &) { f.identity = FromHex("541334FF"); }, Keep, 0x31305},
+        Fault{{"FourDigitIdentifier"}, [](auto &f, auto &) { f.identity = FromHex("5413FFFF"); }, Keep, 0},
+        Fault{{"FiveDigitIdentifier"}, [](auto &f, auto &) { f.identity = FromHex("54133FFF"); }, Keep, 0},
+        Fault{{"FifthDigitDiffers"}, [](auto &f, auto &) { f.identity = FromHex("54134FFF"); }, Keep, 0x31305},
+        Fault{{"EightDigitIdentifier"}, [](auto &f, auto &) { f.identity = FromHex("54133300"); }, Keep, 0},
+        Fault{{"Expired"}, [](auto &f, auto &) { f.expiry = "1224"; }, Keep, 0x31304},
+        Fault{{"ExpiryBeforeAlgorithms"}, [](auto &f, auto &) { f.expiry = "1224", f.hashAlgorithm = 2; }, Keep, 0x31304},
+        Fault{{"HashAlgorithm"}, [](auto &f, auto &) { f.hashAlgorithm = 0x02; }, Keep, 0x31309},
+        Fault{{"KeyAlgorithm"}, [](auto &f, auto &) { f.keyAlgorithm = 0x02; }, Keep, 0x31311},
+        Fault{{"CertificateShorterThanTheCaKey"}, None, [](auto &c) { c.certificate.pop_back(); }, 0x31219}),
     CaseName());
 // clang-format on
 
@@ -323,18 +323,18 @@ TEST_P(IccChecks, Code) {
 INSTANTIATE_TEST_SUITE_P(
     Icc, IccChecks,
     ::testing::Values(
-        Fault{"Accepted", None, Keep, 0},
-        Fault{"Trailer", [](auto &, auto &b) { b.trailer = 0x00; }, Keep, 0x31404},
-        Fault{"Header", [](auto &, auto &b) { b.header = 0x00; }, Keep, 0x31403},
-        Fault{"Format", [](auto &f, auto &) { f.format = 0x02; }, Keep, 0x31405},
-        Fault{"RemainderMissing", None, [](auto &c) { c.remainder.clear(); }, 0x31414},
-        Fault{"RemainderLong", None, [](auto &c) { c.remainder.push_back(0); }, 0x31415},
-        Fault{"HashAlgorithmBeforeTheHash", [](auto &f, auto &b) { f.hashAlgorithm = 0x02, b.wrongHash = true; }, Keep, 0x31412},
-        Fault{"HashMismatch", [](auto &, auto &b) { b.wrongHash = true; }, Keep, 0x31417},
-        Fault{"PanMismatch", [](auto &f, auto &) { f.identity = pki::PadDigits("5413330089601041", 10); }, Keep, 0x31305},
-        Fault{"Expired", [](auto &f, auto &) { f.expiry = "1224"; }, Keep, 0x31406},
-        Fault{"KeyAlgorithm", [](auto &f, auto &) { f.keyAlgorithm = 0x02; }, Keep, 0x31413},
-        Fault{"CertificateShorterThanTheIssuerKey", None, [](auto &c) { c.certificate.pop_back(); }, 0x31402}),
+        Fault{{"Accepted"}, None, Keep, 0},
+        Fault{{"Trailer"}, [](auto &, auto &b) { b.trailer = 0x00; }, Keep, 0x31404},
+        Fault{{"Header"}, [](auto &, auto &b) { b.header = 0x00; }, Keep, 0x31403},
+        Fault{{"Format"}, [](auto &f, auto &) { f.format = 0x02; }, Keep, 0x31405},
+        Fault{{"RemainderMissing"}, None, [](auto &c) { c.remainder.clear(); }, 0x31414},
+        Fault{{"RemainderLong"}, None, [](auto &c) { c.remainder.push_back(0); }, 0x31415},
+        Fault{{"HashAlgorithmBeforeTheHash"}, [](auto &f, auto &b) { f.hashAlgorithm = 0x02, b.wrongHash = true; }, Keep, 0x31412},
+        Fault{{"HashMismatch"}, [](auto &, auto &b) { b.wrongHash = true; }, Keep, 0x31417},
+        Fault{{"PanMismatch"}, [](auto &f, auto &) { f.identity = pki::PadDigits("5413330089601041", 10); }, Keep, 0x31305},
+        Fault{{"Expired"}, [](auto &f, auto &) { f.expiry = "1224"; }, Keep, 0x31406},
+        Fault{{"KeyAlgorithm"}, [](auto &f, auto &) { f.keyAlgorithm = 0x02; }, Keep, 0x31413},
+        Fault{{"CertificateShorterThanTheIssuerKey"}, None, [](auto &c) { c.certificate.pop_back(); }, 0x31402}),
     CaseName());
 // clang-format on
 

@@ -1,6 +1,6 @@
-// SDA, DDA and CDA signature checks on blocks signed by hand, INTERNAL
-// AUTHENTICATE against a scripted card, and the CAM selection and checking
-// rules (TVR bits, indicator, next step, the CID downgrade).
+// SDA, DDA and CDA signature checks on blocks signed by hand, and INTERNAL
+// AUTHENTICATE against a scripted card. The CAM selection and checking rules
+// are the rows of unit/cam.data.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -84,17 +84,18 @@ TEST_P(Sda, Code) {
 
 INSTANTIATE_TEST_SUITE_P(
     Checks, Sda,
-    ::testing::Values(SdaCase{"Accepted", {}, 0x03, 0x01, "82", true, 0},
-                      SdaCase{"AcceptedWithoutTagList", {}, 0x03, 0x01, "", false, 0},
-                      SdaCase{"Header", {0x6B, 0xBC, false}, 0x03, 0x01, "82", true, 0x31201},
-                      SdaCase{"Trailer", {0x6A, 0xB0, false}, 0x03, 0x01, "82", true, 0x31201},
-                      SdaCase{"Format", {}, 0x04, 0x01, "82", true, 0x31202},
-                      SdaCase{"HashAlgorithm", {}, 0x03, 0x02, "82", true, 0x31203},
-                      SdaCase{"HashMismatch", {0x6A, 0xBC, true}, 0x03, 0x01, "82", true, 0x31417},
-                      SdaCase{"AipNotSigned", {}, 0x03, 0x01, "82", false, 0x31417},
+    ::testing::Values(SdaCase{{"Accepted"}, {}, 0x03, 0x01, "82", true, 0},
+                      SdaCase{{"AcceptedWithoutTagList"}, {}, 0x03, 0x01, "", false, 0},
+                      SdaCase{{"Header"}, {0x6B, 0xBC, false}, 0x03, 0x01, "82", true, 0x31201},
+                      SdaCase{{"Trailer"}, {0x6A, 0xB0, false}, 0x03, 0x01, "82", true, 0x31201},
+                      SdaCase{{"Format"}, {}, 0x04, 0x01, "82", true, 0x31202},
+                      SdaCase{{"HashAlgorithm"}, {}, 0x03, 0x02, "82", true, 0x31203},
+                      SdaCase{
+                          {"HashMismatch"}, {0x6A, 0xBC, true}, 0x03, 0x01, "82", true, 0x31417},
+                      SdaCase{{"AipNotSigned"}, {}, 0x03, 0x01, "82", false, 0x31417},
                       // Stricter than the ICC certificate, on purpose.
-                      SdaCase{"TagList8200", {}, 0x03, 0x01, "8200", true, 0x31416},
-                      SdaCase{"TagListOther", {}, 0x03, 0x01, "9F02", true, 0x31416}),
+                      SdaCase{{"TagList8200"}, {}, 0x03, 0x01, "8200", true, 0x31416},
+                      SdaCase{{"TagListOther"}, {}, 0x03, 0x01, "9F02", true, 0x31416}),
     CaseName());
 
 TEST_F(Signatures, SdaInputsAndTheirTvrBits) {
@@ -161,18 +162,18 @@ const Bytes kDdaDynamic = pki::DdaDynamicData(kNumber);
 INSTANTIATE_TEST_SUITE_P(
     Checks, Dda,
     ::testing::Values(
-        DynamicCase{"Accepted", kDdaDynamic, {}, 0x05, 0x01, {}, 0},
-        DynamicCase{"Header", kDdaDynamic, {0x6B, 0xBC, false}, 0x05, 0x01, {}, 0x44452},
-        DynamicCase{"HeaderBeforeTrailer", kDdaDynamic, {0x00, 0x00, false}, 0x05, 0x01, {}, 0x44452},
-        DynamicCase{"Trailer", kDdaDynamic, {0x6A, 0x00, false}, 0x05, 0x01, {}, 0x44453},
-        DynamicCase{"Format", kDdaDynamic, {}, 0x03, 0x01, {}, 0x44454},
-        DynamicCase{"HashAlgorithm", kDdaDynamic, {}, 0x05, 0x02, {}, 0x44454},
-        DynamicCase{"HashMismatch", kDdaDynamic, {0x6A, 0xBC, true}, 0x05, 0x01, {}, 0x44455},
-        DynamicCase{"DynamicNumberOf9", FromHex("09 010203040506070809"), {}, 0x05, 0x01, {}, 0x44456},
-        DynamicCase{"DynamicDataIntoTheHash", kDdaDynamic, {}, 0x05, 0x01, 0xFF, 0x31224},
-        DynamicCase{"DynamicNumberPastTheData", FromHex("08 0102"), {}, 0x05, 0x01, {}, 0x31224},
-        DynamicCase{"NoDynamicData", Bytes{}, {}, 0x05, 0x01, {}, 0x31224},
-        DynamicCase{"EmptyDynamicNumber", FromHex("00"), {}, 0x05, 0x01, {}, 0x00}),
+        DynamicCase{{"Accepted"}, kDdaDynamic, {}, 0x05, 0x01, {}, 0},
+        DynamicCase{{"Header"}, kDdaDynamic, {0x6B, 0xBC, false}, 0x05, 0x01, {}, 0x44452},
+        DynamicCase{{"HeaderBeforeTrailer"}, kDdaDynamic, {0x00, 0x00, false}, 0x05, 0x01, {}, 0x44452},
+        DynamicCase{{"Trailer"}, kDdaDynamic, {0x6A, 0x00, false}, 0x05, 0x01, {}, 0x44453},
+        DynamicCase{{"Format"}, kDdaDynamic, {}, 0x03, 0x01, {}, 0x44454},
+        DynamicCase{{"HashAlgorithm"}, kDdaDynamic, {}, 0x05, 0x02, {}, 0x44454},
+        DynamicCase{{"HashMismatch"}, kDdaDynamic, {0x6A, 0xBC, true}, 0x05, 0x01, {}, 0x44455},
+        DynamicCase{{"DynamicNumberOf9"}, FromHex("09 010203040506070809"), {}, 0x05, 0x01, {}, 0x44456},
+        DynamicCase{{"DynamicDataIntoTheHash"}, kDdaDynamic, {}, 0x05, 0x01, 0xFF, 0x31224},
+        DynamicCase{{"DynamicNumberPastTheData"}, FromHex("08 0102"), {}, 0x05, 0x01, {}, 0x31224},
+        DynamicCase{{"NoDynamicData"}, Bytes{}, {}, 0x05, 0x01, {}, 0x31224},
+        DynamicCase{{"EmptyDynamicNumber"}, FromHex("00"), {}, 0x05, 0x01, {}, 0x00}),
     CaseName());
 // clang-format on
 
@@ -361,144 +362,6 @@ TEST_F(InternalAuthenticate, AResponseLongerThanItsBufferIsRefused) {
                          Cat({Tlv(0x80, Bytes(297, 0x5D)), FromHex("9000")}))};
     EXPECT_EQ(VelkCless_ODA_DDA_Get_SDDA(), 0x30105u);
     EXPECT_EQ(Db(0x9F4B), "absent");
-}
-
-// ---- CAM selection -----------------------------------------------------------------------
-
-struct Selection : NamedCase {
-    const char *aip;           // "" absent
-    const char *capabilities;  // 9F9301
-    bool authentication;       // option 0x10 and the transaction type listed
-    uint32_t absent;           // a tag taken away; 0: none
-    bool caKeyKnown;
-    const char *sdda;  // INTERNAL AUTHENTICATE answer; "" none expected
-    uint32_t code;
-    uint8_t indicator;
-    uint8_t tvr1;  // the TVR's first byte; the others stay 00
-    uint32_t step;
-};
-
-class CamSelection : public Signatures, public ::testing::WithParamInterface<Selection> {};
-
-TEST_P(CamSelection, Rules) {
-    const Selection &s = GetParam();
-    CaDirectory directory;
-    directory.key = keys::Ca1024().Public();
-    directory.Install(host);
-    host.g().ucTVR[0] = 0x80;
-    host.g().ucTransationType = 0x00;
-    VelkCless_SetTransactionStep(0x1610);
-    if (*s.aip != '\0') Put(0x82, s.aip);
-    Put(0x9F9301, s.capabilities);
-    Put(0x9F9302, s.authentication ? "10" : "00");
-    Put(0x9F9309, "00");
-    Put(0x84, "A0000000031010");
-    Put(0x8F, s.caKeyKnown ? "92" : "93");
-    for (const uint32_t tag : {0x90u, 0x9F32u, 0x93u, 0x9F46u, 0x9F47u})
-        Put(tag, "01");
-    Put(0x9F37, kUn);
-    if (s.absent != 0) VelkDataBase_Del_TAG(s.absent);
-    if (*s.sdda != '\0') host.card = {Respond(FromHex("0088000004 11223344 00"), FromHex(s.sdda))};
-
-    EXPECT_EQ(VelkCless_ODA_CAM_Selection(), s.code);
-    EXPECT_EQ(VelkCless_Get_Offline_CAM_Selected_Indicator(), s.indicator);
-    EXPECT_EQ(Tvr(), Hex(&s.tvr1, 1) + "00000000");
-    EXPECT_EQ(VelkCless_GetTransactionStep(), s.step);
-}
-
-// clang-format off
-INSTANTIATE_TEST_SUITE_P(
-    Rules, CamSelection,
-    ::testing::Values(
-        Selection{"CdaFirst", "5900", "0000000061", false, 0, true, "", 0, 2, 0x00, 0x1700},
-        Selection{"CdaWithoutCaKey", "5900", "0000000061", false, 0, false, "", 0, 0, 0x04, 0x1700},
-        Selection{"CdaWithoutIccCertificate", "5900", "0000000061", false, 0x9F46, true, "", 0, 0, 0x24, 0x1700},
-        Selection{"CdaNotForAuthenticationTypes", "4100", "0000000061", true, 0, true, "", 0, 1, 0x02, 0x1700},
-        Selection{"DdaInTheAuthenticationFlow", "2000", "0000004061", true, 0, true, "8003AABBCC9000", 0, 3, 0x00, 0x2700},
-        Selection{"DdaInternalAuthenticateFails", "2000", "0000004061", true, 0, true, "6985", 0, 3, 0x08, 0x2700},
-        Selection{"DdaDataMissing", "2000", "0000004061", true, 0x9F47, true, "", 0, 0, 0x28, 0x2700},
-        Selection{"DdaWithoutCaKey", "2000", "0000004061", true, 0, false, "", 0, 0, 0x28, 0x2700},
-        Selection{"NoDdaOutsideTheAuthenticationFlow", "6000", "0000000061", false, 0, true, "", 0, 1, 0x02, 0x1700},
-        Selection{"Sda", "4000", "0000000040", false, 0, true, "", 0, 1, 0x02, 0x1700},
-        Selection{"SdaWithoutSignedData", "4000", "0000000040", false, 0x93, true, "", 0, 0, 0x62, 0x1700},
-        Selection{"SdaWithoutCaKey", "4000", "0000000040", false, 0, false, "", 0, 0, 0x42, 0x1700},
-        Selection{"NoCommonMethod", "4000", "0000000021", false, 0, true, "", 0, 0, 0x80, 0x1700},
-        Selection{"NoMethodOnTheCard", "0000", "0000000061", false, 0, true, "", 0, 0, 0x80, 0x1700},
-        Selection{"NoAip", "", "0000000061", false, 0, true, "", 0x30417, 0, 0x80, 0x1610},
-        Selection{"AipOfThreeBytes", "590000", "0000000061", false, 0, true, "", 0x30418, 0, 0x80, 0x1610}),
-    CaseName());
-// clang-format on
-
-// ---- CAM checking ------------------------------------------------------------------------
-
-struct Checking : NamedCase {
-    uint8_t indicator;
-    const char *cid;  // "" absent
-    uint8_t ttpi2;
-    bool authentication;
-    const char *expectedCid;
-    const char *tvr;
-};
-
-class CamChecking : public Signatures, public ::testing::WithParamInterface<Checking> {
-protected:
-    std::string DatabaseBytes() const {
-        const uint8_t *db = pgbVelkGlobalValue->ucDataBasebuf;
-        return Hex(db, TLV_GetTlvTotalLen(db));
-    }
-};
-
-// Every method here fails: the issuer certificate cannot be recovered.
-TEST_P(CamChecking, Rules) {
-    const Checking &c = GetParam();
-    host.g().ucTransationType = 0x00;
-    host.g().ucTTPI[1] = c.ttpi2;
-    Put(0x9F9301, "0000004061");
-    Put(0x9F9302, c.authentication ? "10" : "00");
-    Put(0x9F9309, "00");
-    if (*c.cid != '\0') Put(0x9F27, c.cid);
-    VelkCless_Set_Offline_CAM_Selected_Indicator(c.indicator);
-    const std::string before = DatabaseBytes();
-
-    EXPECT_EQ(VelkCless_ODA_CAM_Checking(), 0u);
-    EXPECT_EQ(VelkCless_GetTransactionStep(), 0x2900u);
-    EXPECT_EQ(Db(0x9F27), c.expectedCid);
-    EXPECT_EQ(Tvr(), c.tvr);
-    EXPECT_EQ(Db(0x95), c.tvr);
-    // Without a CID nothing but the TVR was written.
-    VelkDataBase_Del_TAG(0x95);
-    if (*c.cid == '\0') {
-        EXPECT_EQ(DatabaseBytes(), before);
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rules, CamChecking,
-    ::testing::Values(
-        Checking{"CdaFailureTurnsTcIntoAac", 2, "40", 0, false, "00", "0000000000"},
-        Checking{"CdaFailureTurnsArqcIntoAac", 2, "80", 0, false, "00", "0000000000"},
-        Checking{"CdaFailureWithoutCid", 2, "", 0, false, "absent", "0000000000"},
-        Checking{"SdaCheckedOnTc", 1, "40", 0, false, "00", "0000000000"},
-        Checking{"SdaNotCheckedOnArqc", 1, "80", 0, false, "80", "0000000000"},
-        Checking{"SdaCheckedWhenTheReaderAsks", 1, "80", 0x04, false, "00", "0000000000"},
-        Checking{"SdaWithoutCid", 1, "", 0x04, false, "absent", "0000000000"},
-        Checking{"SdaInTheAuthenticationFlowSetsTheTvr", 1, "80", 0, true, "80", "4000000000"},
-        Checking{"DdaSetsTheTvr", 3, "80", 0, true, "80", "0800000000"},
-        Checking{"NothingSelected", 0, "40", 0, false, "40", "0000000000"}),
-    CaseName());
-
-// An authentication-only transaction type marks a failed SDA in the TVR even
-// where the reader does not run the authentication-only flow; the CID stays.
-TEST_F(Signatures, SdaFailureInAnAuthenticationTypeOutsideTheFlow) {
-    host.g().ucTransationType = 0x00;
-    Put(0x9F9301, "0000000061");
-    Put(0x9F9302, "10");
-    Put(0x9F9309, "00");
-    Put(0x9F27, "40");
-    VelkCless_Set_Offline_CAM_Selected_Indicator(1);
-    EXPECT_EQ(VelkCless_ODA_CAM_Checking(), 0u);
-    EXPECT_EQ(Db(0x9F27), "40");
-    EXPECT_EQ(Tvr(), "4000000000");
 }
 
 }  // namespace
