@@ -48,7 +48,9 @@ namespace {
 // runs against the bundled profiles.
 std::filesystem::path ProfileOf(const Field &f, const std::string &kind) {
     std::error_code ec;
-    if (const auto file = f.FilePath(); std::filesystem::is_regular_file(file, ec)) return file;
+    // Anything there by that name is the file meant (the loader refuses a
+    // folder or a FIFO); only a name that is no file may be a bundled one.
+    if (const auto file = f.FilePath(); std::filesystem::exists(file, ec)) return file;
     try {
         return ResolveProfile(f.String(), kind);
     } catch (const velk::card::ProfileError &e) {
@@ -118,7 +120,8 @@ bool IsPending(const Scenario &s, const PendingNeeds &pending) {
 namespace {
 
 std::string Text(const Json &v) {
-    return v.is_string() ? v.get<std::string>() : v.dump();
+    return v.is_string() ? v.get<std::string>()
+                         : v.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 void Compare(std::vector<std::string> &out, const std::string &field, const Json &expected,
@@ -292,7 +295,8 @@ ScenarioResult RunInChild(const std::filesystem::path &file, const std::string &
     }
     if (pid == 0) {
         close(fds[0]);
-        const std::string text = ResultJson(RunScenario(file, lib, pending)).dump();
+        const std::string text = ResultJson(RunScenario(file, lib, pending))
+                                     .dump(-1, ' ', false, Json::error_handler_t::replace);
         size_t sent = 0;
         while (sent < text.size()) {
             const ssize_t w = write(fds[1], text.data() + sent, text.size() - sent);
