@@ -539,14 +539,23 @@ std::vector<std::string> ExplainValue(uint32_t tag, ByteView value) {
 
 namespace {
 
+// Iterative, so that the printer's stack does not grow with the data.
 void DecodeInto(const std::vector<velk::host::TlvNode> &nodes, int indent,
                 std::vector<std::string> &out) {
-    const std::string pad(static_cast<size_t>(indent) * 2, ' ');
-    for (const auto &n : nodes) {
+    using It = std::vector<velk::host::TlvNode>::const_iterator;
+    std::vector<std::pair<It, It>> stack{{nodes.begin(), nodes.end()}};
+    while (!stack.empty()) {
+        auto &[it, end] = stack.back();
+        if (it == end) {
+            stack.pop_back();
+            continue;
+        }
+        const velk::host::TlvNode &n = *it++;
+        const std::string pad(static_cast<size_t>(indent) * 2 + (stack.size() - 1) * 2, ' ');
         const std::string head = pad + TagHex(n.tag) + " " + TagName(n.tag);
         if (velk::host::IsConstructed(n.tag)) {
             out.push_back(head);
-            DecodeInto(n.children, indent + 1, out);
+            stack.emplace_back(n.children.begin(), n.children.end());
             continue;
         }
         out.push_back(head + ": " + ShowValue(n.tag, n.value));
