@@ -45,6 +45,14 @@ constexpr const char *kExitCodes =
     "  6  the kernel ended without an outcome\n"
     " 70  internal error";
 
+// Card data and messages may hold bytes that are not UTF-8: JSON output
+// replaces them, messages escape them.
+constexpr auto kReplace = nlohmann::ordered_json::error_handler_t::replace;
+
+std::string Said(const std::exception &e) {
+    return velk::card::EscapeInvalidUtf8(e.what());
+}
+
 std::atomic<bool> g_stop{false};
 
 void OnStopSignal(int) {
@@ -123,7 +131,7 @@ int Pay(const PayArgs &a) {
     if (a.trace) velk::host::SetLogSink([](const char *line) { std::cerr << "kernel: " << line; });
     const TransactionReport report = RunTransaction(kernel.Api(), terminal, *card, o, secrets);
     if (a.json)
-        std::cout << ReportJson(report, a.trace).dump(2) << "\n";
+        std::cout << ReportJson(report, a.trace).dump(2, ' ', false, kReplace) << "\n";
     else
         PrintReport(std::cout, report, a.trace);
     return report.completed ? kOk : kNoOutcome;
@@ -143,7 +151,7 @@ int Readers() {
 int Decode(const std::string &hex, bool json) {
     const auto bytes = HexArg(hex, 0, "HEX");
     if (json) {
-        std::cout << DecodeJson(bytes).dump(2) << "\n";
+        std::cout << DecodeJson(bytes).dump(2, ' ', false, kReplace) << "\n";
     } else {
         for (const std::string &line : DecodeLines(bytes))
             std::cout << line << "\n";
@@ -170,7 +178,7 @@ int Run(const std::string &dir, const std::string &lib, int timeout, bool json,
                          {"verdict", VerdictName(r.verdict)},
                          {"result", r.result},
                          {"details", r.details}});
-        std::cout << j.dump(2) << "\n";
+        std::cout << j.dump(2, ' ', false, kReplace) << "\n";
     } else {
         PrintScenarioTable(std::cout, results);
     }
@@ -182,7 +190,10 @@ int ServeVpcd(const std::string &card_name, const std::string &host, uint16_t po
     std::signal(SIGINT, OnStopSignal);
     std::signal(SIGTERM, OnStopSignal);
     velk::card::VpcdClient client(card, host, port);
-    client.Connect(std::chrono::seconds(wait));
+    if (!client.Connect(std::chrono::seconds(wait), &g_stop)) {
+        std::cerr << "stopped before vpcd at " << host << ":" << port << " answered\n";
+        return kOk;
+    }
     std::cerr << "serving " << card.Describe() << " to vpcd at " << host << ":" << port << "\n";
     const size_t apdus = client.Serve(g_stop);
     std::cerr << "session ended after " << apdus << " APDU(s)\n";
@@ -307,22 +318,22 @@ int main(int argc, char **argv) {
         if (*tvr_cmd) return Tvr(tvr_hex);
         if (*serve_cmd) return ServeVpcd(serve_card, serve_host, serve_port, serve_wait);
     } catch (const CLI::ValidationError &e) {
-        std::cerr << "velk-term: " << e.what() << "\n";
+        std::cerr << "velk-term: " << Said(e) << "\n";
         return kUsage;
     } catch (const ProfileError &e) {
-        std::cerr << "velk-term: " << e.what() << "\n";
+        std::cerr << "velk-term: " << Said(e) << "\n";
         return kBadInput;
     } catch (const KernelLoadError &e) {
-        std::cerr << "velk-term: " << e.what() << "\n";
+        std::cerr << "velk-term: " << Said(e) << "\n";
         return kKernelLoad;
     } catch (const CardError &e) {
-        std::cerr << "velk-term: " << e.what() << "\n";
+        std::cerr << "velk-term: " << Said(e) << "\n";
         return kCardError;
     } catch (const std::invalid_argument &e) {
-        std::cerr << "velk-term: " << e.what() << "\n";
+        std::cerr << "velk-term: " << Said(e) << "\n";
         return kUsage;
     } catch (const std::exception &e) {
-        std::cerr << "velk-term: internal error: " << e.what() << "\n";
+        std::cerr << "velk-term: internal error: " << Said(e) << "\n";
         return kInternal;
     }
     return kUsage;
