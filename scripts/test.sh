@@ -3,7 +3,7 @@
 # installs the Debian packages it needs, then builds and tests natively, under
 # ASan+UBSan, under TSan (the threaded tests), for 32-bit ARM under qemu,
 # checks the kernel with clang-tidy and cppcheck, and runs the fuzzers for a
-# bounded time (FUZZ_SECONDS per target, four targets). The packages stage makes the Debian
+# bounded time (FUZZ_SECONDS per target, eight targets). The packages stage makes the Debian
 # packages, installs them into the system, uses them as an integrator does and
 # removes them again (as root; otherwise it only builds and checks them).
 #
