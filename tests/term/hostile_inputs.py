@@ -88,6 +88,7 @@ def make_inputs(work, profiles):
                 f.write(scenario % (c, c))
     with open(os.path.join(work, "run_fifo", "extends.json"), "w") as f:
         f.write('{"extends": "../fifo.json"}')
+    os.symlink("nowhere.json", os.path.join(work, "run_deep", "broken.json"))
     with open(os.path.join(work, "run_deep", "deep.json"), "w") as f:
         f.write('{"name": "x", "card": "offline-cda", "terminal": "pos", "expect": %s}'
                 % nest(10**4, "{}", '{"result": ', "}"))

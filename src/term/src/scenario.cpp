@@ -359,9 +359,12 @@ std::vector<ScenarioResult> RunScenarioFolder(const std::filesystem::path &dir,
                                               const std::string &lib, std::chrono::seconds timeout,
                                               const PendingNeeds &pending) {
     std::vector<std::filesystem::path> files;
-    for (const auto &entry : std::filesystem::directory_iterator(dir))
-        if (entry.is_regular_file() && entry.path().extension() == ".json")
-            files.push_back(entry.path());
+    std::error_code ec;
+    for (std::filesystem::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec))
+        if (std::error_code type; it->is_regular_file(type) && it->path().extension() == ".json")
+            files.push_back(it->path());
+    if (ec)
+        throw velk::card::ProfileError(dir.string() + ": cannot list the folder: " + ec.message());
     std::sort(files.begin(), files.end());
     std::vector<ScenarioResult> results;
     for (const auto &f : files)
