@@ -117,16 +117,22 @@ class Peer:
         self.server = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
         self.server.bind(("127.0.0.1", 0))
         self.server.listen(1)
-        self.server.settimeout(TIME_LIMIT)
+        self.server.settimeout(0.5)
+        self.done = False  # velk-term has exited
         self.port = self.server.getsockname()[1]
         self.thread = threading.Thread(target=self.run, daemon=True)
         self.thread.start()
 
     def run(self):
-        try:
-            conn, _ = self.server.accept()
-        except OSError:
-            return
+        while True:
+            try:
+                conn, _ = self.server.accept()
+                break
+            except socket.timeout:
+                if self.done:
+                    return
+            except OSError:
+                return
         with conn:
             conn.settimeout(TIME_LIMIT)
             conn.sendall(self.data)
@@ -195,6 +201,7 @@ def run_row(term, lib, values, sanitized, description, command, status, expected
     out = out.decode("utf-8", "replace")
     err = err.decode("utf-8", "replace")
     if peer:
+        peer.done = True
         peer.thread.join(TIME_LIMIT)
         out += "\npeer received: " + peer.received.hex().upper()
     if proc.returncode < 0:
