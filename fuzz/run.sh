@@ -12,7 +12,8 @@ trap 'rm -rf "$work"' EXIT
 artifacts="$build/fuzz-artifacts"
 mkdir -p "$artifacts"
 status=0
-for target in codec_fuzz database_fuzz tree_fuzz transaction_fuzz; do
+for target in codec_fuzz database_fuzz tree_fuzz transaction_fuzz \
+    profile_fuzz scenario_fuzz vpcd_fuzz decode_fuzz; do
   binary="$build/fuzz/$target"
   if [ ! -x "$binary" ]; then
     echo "$target: not built in $build" >&2

@@ -252,8 +252,16 @@ void CheckCoherence(const Field &where, const Application &app) {
     if (expiry && ToHex(*expiry).substr(0, 4) != t2.substr(sep + 1, 4))
         where.Fail("the expiry date (5F24) " + ToHex(*expiry) + " differs from Track 2's YYMM " +
                    t2.substr(sep + 1, 4));
-    if (!app.fci_raw && !velk::host::Find(ParseTlvData(app.fci_proprietary), 0x9F38))
-        where.Fail("the FCI holds no PDOL (9F38), which the kernel needs");
+    if (!app.fci_raw) {
+        std::vector<velk::host::TlvNode> fci;
+        try {
+            fci = ParseTlvData(app.fci_proprietary);
+        } catch (const std::invalid_argument &e) {
+            where.Fail(std::string("the FCI is not well-formed TLV: ") + e.what());
+        }
+        if (!velk::host::Find(fci, 0x9F38))
+            where.Fail("the FCI holds no PDOL (9F38), which the kernel needs");
+    }
     // The kernel refuses a GENERATE AC response whose C5 disagrees with the
     // one of the GPO response.
     if (app.gpo_c5 && (!app.gac_c5 || ((*app.gac_c5)[0] & 0x07) != ((*app.gpo_c5)[0] & 0x07)))

@@ -118,8 +118,16 @@ Bytes VirtualCard::Transmit(std::span<const uint8_t> apdu) {
         {CommandKind::kScript, &VirtualCard::Script},
     };
     const CommandKind kind = Classify(apdu);
-    for (const auto &[k, handler] : kHandlers)
-        if (k == kind) return (this->*handler)(c);
+    for (const auto &[k, handler] : kHandlers) {
+        if (k != kind) continue;
+        // Command data the card cannot parse (GPO data that is not TLV)
+        // is answered as a card answers it, never thrown at the reader.
+        try {
+            return (this->*handler)(c);
+        } catch (const std::invalid_argument &) {
+            return Sw(kSwWrongData);
+        }
+    }
     return Sw(kSwInsNotSupported);
 }
 

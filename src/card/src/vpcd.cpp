@@ -74,7 +74,7 @@ void WriteMessage(int fd, const Bytes &message) {
 VpcdClient::VpcdClient(Card &card, std::string host, uint16_t port)
     : card_(card), host_(std::move(host)), port_(port) {}
 
-void VpcdClient::Connect(std::chrono::milliseconds timeout) {
+bool VpcdClient::Connect(std::chrono::milliseconds timeout, const std::atomic<bool> *stop) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     std::string last_error = "no attempt";
     for (;;) {
@@ -91,12 +91,13 @@ void VpcdClient::Connect(std::chrono::milliseconds timeout) {
             if (!s) continue;
             if (connect(s.get(), a->ai_addr, a->ai_addrlen) == 0) {
                 socket_ = std::move(s);
-                return;
+                return true;
             }
             last_error = std::strerror(errno);
         }
         if (std::chrono::steady_clock::now() >= deadline) break;
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        if (stop != nullptr && stop->load()) return false;
     }
     throw CardError(CardErrorKind::kReader, "vpcd: cannot connect to " + host_ + ":" +
                                                 std::to_string(port_) + ": " + last_error +

@@ -40,7 +40,13 @@ size_t ReadLength(std::span<const uint8_t> d, size_t &pos) {
     return len;
 }
 
-std::vector<TlvNode> Parse(std::span<const uint8_t> data, size_t base, bool skip_padding) {
+std::vector<TlvNode> Parse(std::span<const uint8_t> data, size_t base, bool skip_padding,
+                           size_t depth) {
+    // Each level holds a copy of its value: the bound keeps both the stack
+    // and the copies (depth times the input) small.
+    if (depth > kMaxTlvDepth)
+        throw std::invalid_argument("TLV: nested more than " + std::to_string(kMaxTlvDepth) +
+                                    " levels deep");
     std::vector<TlvNode> nodes;
     size_t pos = 0;
     while (pos < data.size()) {
@@ -57,7 +63,8 @@ std::vector<TlvNode> Parse(std::span<const uint8_t> data, size_t base, bool skip
         node.value.assign(data.begin() + static_cast<std::ptrdiff_t>(pos),
                           data.begin() + static_cast<std::ptrdiff_t>(pos + len));
         if (IsConstructed(node.tag))
-            node.children = Parse(std::span(data).subspan(pos, len), base + pos, skip_padding);
+            node.children =
+                Parse(std::span(data).subspan(pos, len), base + pos, skip_padding, depth + 1);
         pos += len;
         node.size = pos - start;
         nodes.push_back(std::move(node));
@@ -73,7 +80,13 @@ Bytes FromHex(std::string_view hex) {
     for (char c : hex) {
         if (c == ' ' || c == ':' || c == '\n' || c == '\r' || c == '\t') continue;
         const int v = Nibble(c);
-        if (v < 0) throw std::invalid_argument(std::string("hex: bad character '") + c + "'");
+        if (v < 0) {
+            // Only printable ASCII is quoted as it stands: messages stay text.
+            const auto u = static_cast<uint8_t>(c);
+            throw std::invalid_argument(u >= 0x20 && u < 0x7F
+                                            ? std::string("hex: bad character '") + c + "'"
+                                            : "hex: bad byte 0x" + ToHex(std::span(&u, 1)));
+        }
         if (high < 0) {
             high = v;
         } else {
@@ -148,7 +161,7 @@ Bytes Cat(std::initializer_list<Bytes> parts) {
 }
 
 std::vector<TlvNode> ParseTlv(std::span<const uint8_t> data, bool skip_padding) {
-    return Parse(data, 0, skip_padding);
+    return Parse(data, 0, skip_padding, 1);
 }
 
 const TlvNode *Find(const TlvNode &node, uint32_t tag) {

@@ -120,8 +120,10 @@ bool Printable(ByteView value) {
     return true;
 }
 
-// The number a BCD value holds; -1 when a nibble is not a digit.
+// The number a BCD value holds; -1 when a nibble is not a digit or the
+// value has more digits than a long holds on every target (8).
 long BcdValue(ByteView b) {
+    if (b.size() > 4) return -1;
     long v = 0;
     for (uint8_t x : b) {
         if ((x >> 4) > 9 || (x & 0x0F) > 9) return -1;
@@ -296,8 +298,10 @@ std::optional<UiRequest> ParseUiRequest(ByteView u) {
     ui.message = u[0];
     ui.status = u[1];
     ui.hold_time = static_cast<uint32_t>(u[2]) << 16 | static_cast<uint32_t>(u[3]) << 8 | u[4];
+    // The card's language preference (5F2D): letters, unless the card says otherwise.
     for (size_t i = 5; i < 13 && u[i] != 0; ++i)
-        ui.language += static_cast<char>(u[i]);
+        ui.language += u[i] >= 0x20 && u[i] < 0x7F ? std::string(1, static_cast<char>(u[i]))
+                                                   : "\\x" + Hex2(u[i]);
     ui.value_qualifier = u[13];
     ui.value.assign(u.begin() + 14, u.begin() + 20);
     ui.currency.assign(u.begin() + 20, u.begin() + 22);
@@ -483,7 +487,7 @@ std::vector<std::string> ExplainValue(uint32_t tag, ByteView value) {
         case 0x5F2A:
         case 0x9F42:
         case 0xCD:
-            if (const long n = BcdValue(value); value.size() == 2 && n > 0) {
+            if (const long n = value.size() == 2 ? BcdValue(value) : -1; n > 0) {
                 const std::string name = CurrencyName(static_cast<uint16_t>(n));
                 if (!name.empty()) return {name};
             }
@@ -544,14 +548,23 @@ std::vector<std::string> ExplainValue(uint32_t tag, ByteView value) {
 
 namespace {
 
+// Iterative, so that the printer's stack does not grow with the data.
 void DecodeInto(const std::vector<velk::host::TlvNode> &nodes, int indent,
                 std::vector<std::string> &out) {
-    const std::string pad(static_cast<size_t>(indent) * 2, ' ');
-    for (const auto &n : nodes) {
+    using It = std::vector<velk::host::TlvNode>::const_iterator;
+    std::vector<std::pair<It, It>> stack{{nodes.begin(), nodes.end()}};
+    while (!stack.empty()) {
+        auto &[it, end] = stack.back();
+        if (it == end) {
+            stack.pop_back();
+            continue;
+        }
+        const velk::host::TlvNode &n = *it++;
+        const std::string pad(static_cast<size_t>(indent) * 2 + (stack.size() - 1) * 2, ' ');
         const std::string head = pad + TagHex(n.tag) + " " + TagName(n.tag);
         if (velk::host::IsConstructed(n.tag)) {
             out.push_back(head);
-            DecodeInto(n.children, indent + 1, out);
+            stack.emplace_back(n.children.begin(), n.children.end());
             continue;
         }
         out.push_back(head + ": " + ShowValue(n.tag, n.value));

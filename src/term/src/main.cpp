@@ -15,8 +15,8 @@
 #include "velk/card/vpcd.hpp"
 #include "velk/host/framework.hpp"
 #include "velk/term/explain.hpp"
-#include "velk/term/outputs.hpp"
 #include "velk/term/options.hpp"
+#include "velk/term/outputs.hpp"
 #include "velk/term/profiles.hpp"
 #include "velk/term/report.hpp"
 #include "velk/term/scenario.hpp"
@@ -56,6 +56,14 @@ constexpr const char *kExitCodes =
 
 // Each subcommand's help points at the one table.
 constexpr const char *kSeeExitCodes = "Exit codes: see velk-term --help.";
+
+// Card data and messages may hold bytes that are not UTF-8: JSON output
+// replaces them, messages escape them.
+constexpr auto kReplace = nlohmann::ordered_json::error_handler_t::replace;
+
+std::string Said(const std::exception &e) {
+    return velk::card::EscapeInvalidUtf8(e.what());
+}
 
 std::atomic<bool> g_stop{false};
 
@@ -240,7 +248,7 @@ int Readers() {
 int Decode(const std::string &hex, bool json) {
     const auto bytes = HexArg(hex, 0, "HEX");
     if (json) {
-        std::cout << DecodeJson(bytes).dump(2) << "\n";
+        std::cout << DecodeJson(bytes).dump(2, ' ', false, kReplace) << "\n";
     } else {
         for (const std::string &line : DecodeLines(bytes))
             std::cout << line << "\n";
@@ -271,9 +279,8 @@ int Run(const RunArgs &a) {
         progress.Done(r, done, total);
     };
     const auto start = std::chrono::steady_clock::now();
-    const auto results =
-        RunScenarios(a.dir, Lib(a.lib), std::chrono::seconds(a.timeout), a.pending, a.filter,
-                     outputs);
+    const auto results = RunScenarios(a.dir, Lib(a.lib), std::chrono::seconds(a.timeout), a.pending,
+                                      a.filter, outputs);
     const double seconds = SecondsSince(start);
     if (junit) {
         WriteJunit(*junit, results, seconds);
@@ -295,7 +302,10 @@ int ServeVpcd(const std::string &card_name, const std::string &host, uint16_t po
     std::signal(SIGINT, OnStopSignal);
     std::signal(SIGTERM, OnStopSignal);
     velk::card::VpcdClient client(card, host, port);
-    client.Connect(std::chrono::seconds(wait));
+    if (!client.Connect(std::chrono::seconds(wait), &g_stop)) {
+        std::cerr << "stopped before vpcd at " << host << ":" << port << " answered\n";
+        return kOk;
+    }
     std::cerr << "serving " << card.Describe() << " to vpcd at " << host << ":" << port << "\n";
     const size_t apdus = client.Serve(g_stop);
     std::cerr << "session ended after " << apdus << " APDU(s)\n";
@@ -458,25 +468,25 @@ int main(int argc, char **argv) {
         if (*tvr_cmd) return Tvr(tvr_hex);
         if (*serve_cmd) return ServeVpcd(serve_card, serve_host, serve_port, serve_wait);
     } catch (const CLI::ValidationError &e) {
-        std::cerr << "velk-term: " << e.what() << "\n";
+        std::cerr << "velk-term: " << Said(e) << "\n";
         return kUsage;
     } catch (const ProfileError &e) {
-        std::cerr << "velk-term: " << e.what() << "\n";
+        std::cerr << "velk-term: " << Said(e) << "\n";
         return kBadInput;
     } catch (const KernelLoadError &e) {
-        std::cerr << "velk-term: " << e.what() << "\n";
+        std::cerr << "velk-term: " << Said(e) << "\n";
         return kKernelLoad;
     } catch (const CardError &e) {
-        std::cerr << "velk-term: " << e.what() << "\n";
+        std::cerr << "velk-term: " << Said(e) << "\n";
         return kCardError;
     } catch (const OutputError &e) {
         std::cerr << "velk-term: " << e.what() << "\n";
         return kOutput;
     } catch (const std::invalid_argument &e) {
-        std::cerr << "velk-term: " << e.what() << "\n";
+        std::cerr << "velk-term: " << Said(e) << "\n";
         return kUsage;
     } catch (const std::exception &e) {
-        std::cerr << "velk-term: internal error: " << e.what() << "\n";
+        std::cerr << "velk-term: internal error: " << Said(e) << "\n";
         return kInternal;
     }
     return kUsage;

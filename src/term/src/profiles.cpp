@@ -28,14 +28,24 @@ std::filesystem::path ResolveProfile(const std::string &name, const std::string 
         const auto p = dir / candidate;
         if (std::filesystem::is_regular_file(p, ec)) return p;
     }
+    // Something is there, but no file: the loader says what it is.
+    if (std::filesystem::exists(name, ec)) return name;
+    const char *env = std::getenv("VELK_PROFILES");
+    const std::string from = env != nullptr && *env != '\0' ? " (from VELK_PROFILES)" : "";
+    if (!std::filesystem::is_directory(dir, ec))
+        throw velk::card::ProfileError(
+            velk::card::EscapeInvalidUtf8(name + ": no such file, and no folder of bundled " +
+                                          kind + " profiles at " + dir.string() + from));
+    std::vector<std::string> names;
+    for (const auto &e : std::filesystem::directory_iterator(dir, ec))
+        if (e.path().extension() == ".json") names.push_back(e.path().stem().string());
+    std::sort(names.begin(), names.end());
     std::string known;
-    if (std::filesystem::is_directory(dir, ec))
-        for (const auto &e : std::filesystem::directory_iterator(dir, ec))
-            if (e.path().extension() == ".json")
-                known += (known.empty() ? "" : ", ") + e.path().stem().string();
-    throw velk::card::ProfileError(name + ": no such file, and no bundled " + kind +
-                                   " profile of that name" +
-                                   (known.empty() ? "" : " (bundled: " + known + ")"));
+    for (const std::string &n : names)
+        known += (known.empty() ? "" : ", ") + n;
+    throw velk::card::ProfileError(velk::card::EscapeInvalidUtf8(
+        name + ": no such file, and no bundled " + kind + " profile of that name in " +
+        dir.string() + from + (known.empty() ? "" : " (bundled: " + known + ")")));
 }
 
 SecretsLookup SecretsOf(const velk::card::VirtualCard &card) {

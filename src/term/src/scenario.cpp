@@ -7,8 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <variant>
 #include <cstring>
+#include <variant>
 
 #include "velk/card/virtual_card.hpp"
 #include "velk/term/outputs.hpp"
@@ -51,7 +51,9 @@ namespace {
 // runs against the bundled profiles.
 std::filesystem::path ProfileOf(const Field &f, const std::string &kind) {
     std::error_code ec;
-    if (const auto file = f.FilePath(); std::filesystem::is_regular_file(file, ec)) return file;
+    // Anything there by that name is the file meant (the loader refuses a
+    // folder or a FIFO); only a name that is no file may be a bundled one.
+    if (const auto file = f.FilePath(); std::filesystem::exists(file, ec)) return file;
     try {
         return ResolveProfile(f.String(), kind);
     } catch (const velk::card::ProfileError &e) {
@@ -133,9 +135,9 @@ void LoadHostReplies(const Field &host, Scenario &s) {
 }
 
 constexpr std::string_view kScenarioKeys[] = {
-    "name", "description", "card",   "terminal", "amount", "other_amount", "type", "date",
-    "time", "issuer",      "faults", "seed",     "expect", "needs",        "host", "currency",
-    "set"};
+    "name",   "description", "card", "terminal", "amount", "other_amount",
+    "type",   "date",        "time", "issuer",   "faults", "seed",
+    "expect", "needs",       "host", "currency", "set"};
 
 Scenario ParseScenario(const Field &root, const std::filesystem::path &path) {
     for (const auto &[key, value] : root.Members())
@@ -384,10 +386,10 @@ ScenarioResult RunScenario(const std::filesystem::path &file, const std::string 
 namespace {
 
 Json ResultJson(const ScenarioResult &r) {
-    return {{"file", r.file},      {"case", r.case_name}, {"name", r.name},
-            {"verdict", static_cast<int>(r.verdict)},
-            {"result", r.result},  {"details", r.details},  {"not_fired", r.not_fired},
-            {"report", r.report}};
+    return {{"file", r.file},           {"case", r.case_name},
+            {"name", r.name},           {"verdict", static_cast<int>(r.verdict)},
+            {"result", r.result},       {"details", r.details},
+            {"not_fired", r.not_fired}, {"report", r.report}};
 }
 
 ScenarioResult ResultFromJson(const Json &j) {
@@ -507,9 +509,16 @@ std::vector<ScenarioResult> RunScenarios(const std::filesystem::path &path, cons
     std::vector<std::filesystem::path> files;
     std::error_code ec;
     if (std::filesystem::is_directory(path, ec)) {
-        for (const auto &entry : std::filesystem::directory_iterator(path))
-            if (entry.is_regular_file() && entry.path().extension() == ".json")
-                files.push_back(entry.path());
+        // A broken link in the folder is passed over; a folder that cannot be
+        // listed is the caller's error.
+        for (std::filesystem::directory_iterator it(path, ec), end; !ec && it != end;
+             it.increment(ec))
+            if (std::error_code type;
+                it->is_regular_file(type) && it->path().extension() == ".json")
+                files.push_back(it->path());
+        if (ec)
+            throw velk::card::ProfileError(path.string() +
+                                           ": cannot list the folder: " + ec.message());
         std::sort(files.begin(), files.end());
         if (files.empty()) return {RunError(path.string(), "no scenario file (*.json) here")};
     } else if (std::filesystem::is_regular_file(path, ec)) {
@@ -548,8 +557,8 @@ std::vector<ScenarioResult> RunScenarios(const std::filesystem::path &path, cons
             capture = outputs.capture_dir /
                       (p->file.stem().string() +
                        (p->label.case_name.empty() ? "" : "-" + p->label.case_name) + ".pcap");
-        ScenarioResult &r = results.emplace_back(
-            p ? RunInChild(*p, lib, timeout, pending, capture) : std::get<ScenarioResult>(step));
+        ScenarioResult &r = results.emplace_back(p ? RunInChild(*p, lib, timeout, pending, capture)
+                                                   : std::get<ScenarioResult>(step));
         r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         const auto file = p ? p->file : std::filesystem::path(path);
         r.folder = std::filesystem::absolute(file).parent_path().filename().string();

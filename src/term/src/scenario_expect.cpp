@@ -182,7 +182,8 @@ void CheckExpectationNames(const Field &expect) {
 namespace {
 
 std::string Text(const Json &v) {
-    return v.is_string() ? v.get<std::string>() : v.dump();
+    return v.is_string() ? v.get<std::string>()
+                         : v.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 using Out = std::vector<std::string>;
@@ -313,7 +314,7 @@ void CompareCallbacks(Out &out, const std::string &field, const Json &all, const
 // (a limit refused before any kernel ran), when r is given.
 void CompareEntry(Out &out, const std::string &prefix, const Json &want, const KernelEntry *e,
                   const Trace &trace, bool all_entries, const TransactionReport *r = nullptr) {
-    const OutcomeParameters *o = e && e->outcome                   ? &*e->outcome
+    const OutcomeParameters *o = e && e->outcome                     ? &*e->outcome
                                  : !e && r && r->entry_point_outcome ? &*r->entry_point_outcome
                                                                      : nullptr;
     const std::optional<UiRequest> *ui = e ? &e->ui : r ? &r->entry_point_ui : nullptr;

@@ -174,10 +174,19 @@ TerminalProfile ParseTerminalProfile(const Field &root) {
     if (auto f = root.Optional("exception_file")) t.exception_file = LoadExceptions(f->FilePath());
     if (auto f = root.Optional("revocation_list")) t.revocations = LoadRevocations(f->FilePath());
     // The kernel needs these from the terminal parameters on every first tap.
-    for (uint32_t tag : {0x9F9301u, 0x9F1Au, 0x9F35u})
-        if (!Value(t.parameters, tag))
-            root["parameters"].Fail("missing " + velk::host::ToHex(velk::host::EncodeTag(tag)) +
-                                    ", which the kernel needs");
+    const Field parameters = root["parameters"];
+    for (uint32_t tag : {0x9F9301u, 0x9F1Au, 0x9F35u}) {
+        std::optional<Bytes> v;
+        try {
+            v = Value(t.parameters, tag);
+        } catch (const std::invalid_argument &e) {
+            parameters.Fail(std::string("not well-formed TLV: ") + e.what());
+        }
+        if (!v || v->empty())
+            parameters.Fail((v ? "an empty " : "missing ") +
+                            velk::host::ToHex(velk::host::EncodeTag(tag)) +
+                            ", which the kernel needs");
+    }
     return t;
 }
 

@@ -41,7 +41,22 @@ struct JsonFile {
     std::filesystem::path Dir() const { return path.parent_path(); }
 };
 
-// Parses a file; syntax errors become "path:line:column: ...".
+// What one file may hold: larger files are refused unread, and so is
+// anything that is not a regular file (a folder, a FIFO, /dev/zero).
+inline constexpr size_t kMaxJsonFileSize = 4 * 1024 * 1024;
+// Objects and arrays nested deeper than this are refused while parsing.
+inline constexpr size_t kMaxJsonDepth = 64;
+
+// The whole of a regular file of at most kMaxJsonFileSize bytes; anything
+// else throws ProfileError naming the file and saying what it is.
+std::string ReadTextFile(const std::filesystem::path &path);
+
+// Text with every byte that is not part of well-formed UTF-8 written as \xNN,
+// for messages and reports that quote what a file or a card held.
+std::string EscapeInvalidUtf8(std::string_view text);
+
+// Parses a file; syntax errors become "path:line:column: ...", a key given
+// twice in one object and nesting deeper than kMaxJsonDepth are refused.
 std::shared_ptr<const JsonFile> LoadJsonFile(const std::filesystem::path &path);
 // The same, for files that may extend another: {"extends": "base.json", ...}
 // loads the base (relative to this file) and merges this file's fields over

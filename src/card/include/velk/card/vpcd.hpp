@@ -42,8 +42,11 @@ public:
     VpcdClient(Card &card, std::string host, uint16_t port);
 
     // Connects, retrying until the time-out (the driver may still be
-    // starting). Throws CardError (kReader) when no connection is made.
-    void Connect(std::chrono::milliseconds timeout);
+    // starting). Throws CardError (kReader) when no connection is made;
+    // false when stop became true first.
+    bool Connect(std::chrono::milliseconds timeout, const std::atomic<bool> *stop = nullptr);
+    // Serves on a connection made elsewhere (one end of a socket pair).
+    void Adopt(Socket socket) { socket_ = std::move(socket); }
     // Answers the driver until it closes the connection or stop becomes true.
     // Returns the number of APDUs answered.
     size_t Serve(const std::atomic<bool> &stop);

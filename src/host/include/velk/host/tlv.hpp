@@ -37,9 +37,12 @@ struct TlvNode {
     size_t size = 0;                // total length: tag + length field + value
 };
 
+// Constructed elements nested deeper than this are refused by ParseTlv.
+inline constexpr size_t kMaxTlvDepth = 32;
+
 // Parses a sequence of elements filling the whole span. 0x00 and 0xFF bytes
 // between elements are skipped when skip_padding is true. Constructed
-// elements are parsed recursively.
+// elements are parsed recursively, at most kMaxTlvDepth levels.
 std::vector<TlvNode> ParseTlv(std::span<const uint8_t> data, bool skip_padding = true);
 
 // Depth-first search, elements before their children.
