@@ -378,15 +378,11 @@ uint32_t VelkCless_Update_of_Data_Element_values_in_EEPROM(void) {
     }
     if (run.stopped) return velk::EndStopped();
 
-    StoreIfUpdated(run);
-    const uint8_t flag = run.processed ? 1 : 0;
-    if (run.communicationProblem) {
-        if (!update) return velk::EndCommunicationError();
-        return EndWith(VelkCless_NonFinancial_Transaction_completed_Data_Elements_Update, flag);
-    }
     // An update transaction without anything to do before GPO, or without
     // anything left for after it, ends here; a payment only on a failed
-    // update that its entry marks as stopping.
+    // update that its entry marks as stopping. Decided before 9F74 is
+    // stored: bf70 points into the database, and storing 9F74 can grow the
+    // database's length field and move every element behind it.
     bool terminate = false;
     if (!run.processed)
         terminate = update;
@@ -394,6 +390,13 @@ uint32_t VelkCless_Update_of_Data_Element_values_in_EEPROM(void) {
         terminate = FailedWithStop(run) || TLV_FindTag(bf70, 0xA3) == nullptr;
     else
         terminate = FailedWithStop(run);
+
+    StoreIfUpdated(run);
+    const uint8_t flag = run.processed ? 1 : 0;
+    if (run.communicationProblem) {
+        if (!update) return velk::EndCommunicationError();
+        return EndWith(VelkCless_NonFinancial_Transaction_completed_Data_Elements_Update, flag);
+    }
     if (terminate)
         return EndWith(VelkCless_NonFinancial_Transaction_completed_Data_Elements_Update, flag);
     return NextStep(kStepGpo);
