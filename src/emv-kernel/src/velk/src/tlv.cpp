@@ -173,8 +173,11 @@ struct WalkResult {
 // the finders over their root's extent, the checkers over the given length.
 // Padding (a run of FF, then a run of 00) is skipped where `pad` says. With
 // `find`, stops at the first element whose tag is `tag` (the element at 0 is
-// passed over when `skipFirst`).
-WalkResult Walk(const uint8_t *p, uint32_t end, Pad pad, bool find, uint32_t tag, bool skipFirst) {
+// passed over when `skipFirst`). With `tolerant`, an element that is
+// malformed inside an enclosing one ends only that enclosing element: the
+// walk goes on behind it.
+WalkResult Walk(const uint8_t *p, uint32_t end, Pad pad, bool find, uint32_t tag, bool skipFirst,
+                bool tolerant = false) {
     TLVStackStruct g_TagStack[TLV_MAX_DEPTH];
     uint32_t depth = 0;
     uint32_t pos = 0;
@@ -191,8 +194,12 @@ WalkResult Walk(const uint8_t *p, uint32_t end, Pad pad, bool find, uint32_t tag
         }
         const uint32_t limit = depth > 0 ? innermostEnd() : end;
         Header h;
-        if (!Element(p + pos, limit - pos, h) || depth == TLV_MAX_DEPTH)
-            return {Stop::Malformed, pos};
+        if (!Element(p + pos, limit - pos, h) || depth == TLV_MAX_DEPTH) {
+            if (!tolerant || depth == 0) return {Stop::Malformed, pos};
+            pos = innermostEnd();
+            --depth;
+            continue;
+        }
         g_TagStack[depth].nPos = pos;
         g_TagStack[depth].nLen = h.total();
         ++depth;
@@ -671,6 +678,28 @@ uint32_t AddTagUpdateChecked(uint8_t *parent, uint32_t cap, uint32_t tag, const 
     return TLV_AddTag_UpDataMode(parent, tag, value, len);
 }
 
+uint32_t ReplaceChildChecked(uint8_t *parent, uint32_t cap, uint32_t tag, const uint8_t *value,
+                             uint32_t len) {
+    Header h;
+    if (parent == nullptr || cap == 0 || !IsConstructed(parent[0]) || !Element(parent, cap, h) ||
+        len > kMaxFaithfulLen)
+        return 0;
+    uint8_t *old = TLV_FindChildTag(parent, tag);
+    if (old == nullptr) return AddTagChecked(parent, cap, tag, value, len);
+    const Header o = Decode(old);
+    if (o.len == len) {
+        if (value != nullptr) CopyBytes(old + o.head(), value, len);
+        return h.total();
+    }
+    Header after = h;
+    after.len -= o.total();
+    uint32_t total = 0;
+    if (!GrownTotal(after, LenSize(after.len), ElementSize(tag, len), &total) || total > cap)
+        return 0;
+    (void)RemoveAt(parent, h, static_cast<uint32_t>(old - parent), o.total());
+    return TLV_AddTag(parent, tag, value, len);
+}
+
 uint32_t DelChild(uint8_t *parent, uint8_t *child) {
     Header h;
     if (!Root(parent, h) || child < parent + h.head() || child >= parent + h.total()) return 0;
@@ -687,6 +716,36 @@ uint32_t WellFormedLen(const uint8_t *p, uint32_t n) {
     Header h;
     if (p == nullptr || !Element(p, n, h)) return 0;
     return Parse_TLV_buffer(p, h.total()) ? h.total() : 0;
+}
+
+bool SequenceFits(const uint8_t *p, uint32_t len) {
+    if (p == nullptr) return false;
+    for (uint32_t pos = SkipPadding(p, 0, len); pos < len; pos = SkipPadding(p, pos, len)) {
+        Header h;
+        if (!Element(p + pos, len - pos, h)) return false;
+        pos += h.total();
+    }
+    return true;
+}
+
+uint32_t OuterLen(const uint8_t *p, uint32_t n) {
+    Header h;
+    if (p == nullptr || !Element(p, n, h)) return 0;
+    if (IsConstructed(p[0]) && !SequenceFits(p + h.head(), h.len)) return 0;
+    return h.total();
+}
+
+uint8_t *FindInInput(uint8_t *p, uint32_t len, uint32_t tag) {
+    if (p == nullptr) return nullptr;
+    const WalkResult r = Walk(p, len, Pad::Everywhere, true, tag, false, true);
+    return r.stop == Stop::Found ? p + r.pos : nullptr;
+}
+
+uint8_t *FindInChildren(uint8_t *parent, uint32_t tag) {
+    Header h;
+    if (!Root(parent, h)) return nullptr;
+    const WalkResult r = Walk(parent + h.head(), h.len, Pad::None, true, tag, false, true);
+    return r.stop == Stop::Found ? parent + h.head() + r.pos : nullptr;
 }
 
 // Padding is skipped before every element, the first one included (as
