@@ -99,6 +99,11 @@ uint32_t AddTagUpdateChecked(uint8_t *parent, uint32_t cap, uint32_t tag, const 
 uint32_t ReplaceChildChecked(uint8_t *parent, uint32_t cap, uint32_t tag, const uint8_t *value,
                              uint32_t len);
 
+// The database's lookup over the children in [first, end) of its 7F01: the
+// first child with the tag, or null. The same result as TLV_FindChildTag on
+// a list written only by the codec's builders, as the database is.
+uint8_t *FindStoredChild(uint8_t *first, const uint8_t *end, uint32_t tag);
+
 // Removes child, an element inside the value of the constructed parent (as
 // TLV_FindChildTag returns it), rewriting only the parent's length the way
 // TLV_DelTag does. The parent's new total length; 0 (nothing changed) when
@@ -129,10 +134,8 @@ uint32_t OuterLen(const uint8_t *p, uint32_t n);
 // Depth-first search like FindInSequence over len bytes whose top-level
 // elements fit (SequenceFits), where an element malformed inside another one
 // ends only that one's walk: the search goes on behind it. Null when absent.
-uint8_t *FindInInput(uint8_t *p, uint32_t len, uint32_t tag);
-// The same over the children of a constructed parent (the parent itself is
-// not compared, and padding is not skipped, as TLV_FindTag skips none).
-uint8_t *FindInChildren(uint8_t *parent, uint32_t tag);
+// Without `padding` no padding is skipped, as TLV_FindTag skips none.
+uint8_t *FindInInput(uint8_t *p, uint32_t len, uint32_t tag, bool padding = true);
 
 // ---- Database bounds (Database.cpp) ------------------------------------------
 
@@ -247,7 +250,7 @@ uint8_t *InputTemplate(uint8_t *input, uint32_t len);
 bool EchoRestartInput(uint8_t *input, uint32_t *len, const uint8_t *fci, uint32_t fciLen);
 
 // The first element with this tag in the dynamic transaction parameters
-// (depth first, as FindInChildren finds it), or null.
+// (depth first, as FindInInput finds it without padding), or null.
 uint8_t *DtpFind(uint32_t tag);
 
 // Replaces the child of the dynamic transaction parameters with this tag (or

@@ -757,7 +757,9 @@ bool EchoRestartInput(uint8_t *input, uint32_t *len, const uint8_t *fci, uint32_
 }
 
 uint8_t *DtpFind(uint32_t tag) {
-    return FindInChildren(Dtp(), tag);
+    // The kernel builds the 7F01 itself: its header is read as it stands.
+    uint8_t *dtp = Dtp();
+    return FindInInput(TLV_GetValue(dtp), TLV_GetLen(dtp), tag, false);
 }
 
 bool DtpReplace(uint32_t tag, const uint8_t *value, uint32_t len) {
