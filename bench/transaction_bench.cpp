@@ -1,18 +1,20 @@
 // Whole transactions as a host sees them, with a card that answers at once:
-// an offline approval (no ODA) and an online CDA transaction (first entry to
-// Online Request, then the second entry with the issuer's response). The
+// an offline approval (no ODA), an online CDA transaction to its Online
+// Request, and the same on a long tap with its second entry (the issuer's
+// response, scripts and the second GENERATE AC). The
 // scenarios are built with the test builders, checked once against the
 // scripted host (exact C-APDUs), and then replayed by a lean host that only
 // copies prepared replies, so that the figures are the kernel's.
 //
 //   transaction_bench [benchmark flags]   Google Benchmark: time per transaction
-//   transaction_bench --once NAME         one transaction (for callgrind)
-//   transaction_bench --stack             the kernel's peak stack, by painting
+//   transaction_bench --once NAME [N]     one transaction, its first N entries
+//                                         (for callgrind)
+//   transaction_bench --stack [NAME...]   the kernel's peak stack, by painting
 //   transaction_bench --heap              heap allocations made by the kernel
-//   transaction_bench --describe          what the online scenario covered
 #include <benchmark/benchmark.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
@@ -151,6 +153,11 @@ struct Scenario {
     std::optional<CaDirectory> directory;
     std::vector<Entry> entries;
     std::string expectedOps;  // of the first entry
+    // The second entry: the issuer's response and the card's exchanges, in
+    // order (scripts 71, second GENERATE AC, scripts 72), and its outcome.
+    std::optional<IssuerResponse> response;
+    std::vector<CardExchange> secondExchanges;
+    std::string expectedSecondOps;
 };
 
 Bytes Reply(const std::vector<Bytes> &children) {
@@ -161,12 +168,14 @@ Bytes Reply(const std::vector<Bytes> &children) {
 }
 
 Scenario OfflineApproval() {
-    Scenario s{"offline", {}, {}, {}, "10F0F0F0A0F0FF00"};
+    Scenario s{"offline", {}, {}, {}, "10F0F0F0A0F0FF00", {}, {}, {}};
     return s;
 }
 
+// The first entry to the Online Request of a plain online request: CDA
+// with the ARQC.
 Scenario OnlineCda() {
-    Scenario s{"online-cda", {}, {}, {}, "30F0F0F0A0F0FF00"};
+    Scenario s{"online-cda", {}, {}, {}, "30F0F0F0A0F0FF00", {}, {}, {}};
     s.tap.AskOnline();
     s.tap.tvr = "0000000000";
     OdaCard oda;
@@ -179,21 +188,43 @@ Scenario OnlineCda() {
     return s;
 }
 
+// The same card on a long tap: the first entry stores the online context
+// and ends with the Online Request; the second entry takes the issuer's
+// approval with one script of each kind, sends the script commands around
+// the second GENERATE AC, and ends approved.
+Scenario OnlineCdaLongTap() {
+    Scenario s = OnlineCda();
+    s.name = "online-cda-long-tap";
+    s.expectedOps = "303004F0E0F0FF00";
+    s.expectedSecondOps = "10F0F0F0A0F0FF00";
+    // Kernel capabilities byte 2 bit 0x10 with implementation options 04
+    // and 02: the long tap and the restart after online.
+    Bytes capabilities = FromHex(s.tap.reader.capabilities);
+    capabilities[2] |= 0x10;
+    s.tap.reader.capabilities = velk::host::ToHex(capabilities);
+    s.tap.reader.options = "06";
+    IssuerResponse response;
+    response.scripts = {
+        Constructed(0x71, {Tlv(0x9F18, FromHex("00000001")), Tlv(0x86, FromHex("8418000000"))}),
+        Constructed(0x72, {Tlv(0x9F18, FromHex("00000002")), Tlv(0x86, FromHex("841E000000"))})};
+    s.secondExchanges = {
+        Respond(FromHex("8418000000"), FromHex("9000")),
+        Respond(s.tap.SecondGacCommand(0x40, response, s.tap.tvr),
+                s.tap.card.SecondGacResponse("40")),
+        Respond(FromHex("841E000000"), FromHex("9000"))};
+    s.response = response;
+    return s;
+}
+
 void Finish(Scenario &s) {
     Entry first{s.tap.purchase.Input(), {}};
     for (const CardExchange &e : s.tap.Script())
         first.rapdus.push_back(e.rapdu);
     s.entries.push_back(first);
-    if (s.name != "online-cda") return;
-    // The issuer approves ("00", 8A 3030) with its authentication data; the
-    // card gives a TC to the second GENERATE AC.
-    Entry second;
-    second.input =
-        TransactionInput({Tlv(0x8A, FromHex("3030")), Tlv(0x91, FromHex("11223344556677883030")),
-                          Tlv(0x9F02, FromHex(s.tap.purchase.amount)), Tlv(0x5F2A, FromHex("0978")),
-                          Tlv(0x9C, FromHex("00")), Tlv(0x9F06, s.tap.card.aid),
-                          Tlv(0x9F8201, With9000(s.tap.card.Fci()))});
-    second.rapdus = {FromHex("7716 9F270140 9F36020001 9F2608 8877665544332211 9000")};
+    if (!s.response) return;
+    Entry second{s.tap.SecondEntryInput(*s.response), {}};
+    for (const CardExchange &e : s.secondExchanges)
+        second.rapdus.push_back(e.rapdu);
     s.entries.push_back(second);
 }
 
@@ -303,22 +334,20 @@ void Bind() {
     Kernel_Init_VELK_(nullptr, 0);
 }
 
-// Whole transaction: every entry. True when the first entry gave the
-// expected outcome; `second` receives the second entry's APDU count.
-bool RunTransaction(size_t *secondApdus = nullptr) {
-    bool ok = false;
-    for (size_t i = 0; i < g_host.s->entries.size(); ++i) {
-        g_host.apdus = 0;
-        const Bytes ops = RunEntry(i);
-        if (i == 0) ok = velk::host::ToHex(ops) == g_host.s->expectedOps;
-        if (i == 1 && secondApdus != nullptr) *secondApdus = g_host.apdus;
+// The transaction's first `count` entries (all by default). True when each
+// gave its expected outcome.
+bool RunTransaction(size_t count = SIZE_MAX) {
+    bool ok = true;
+    for (size_t i = 0; i < g_host.s->entries.size() && i < count; ++i) {
+        const std::string ops = velk::host::ToHex(RunEntry(i));
+        ok = ok && ops == (i == 0 ? g_host.s->expectedOps : g_host.s->expectedSecondOps);
     }
     return ok;
 }
 
 std::vector<Scenario> &Scenarios() {
     static std::vector<Scenario> all = [] {
-        std::vector<Scenario> v = {OfflineApproval(), OnlineCda()};
+        std::vector<Scenario> v = {OfflineApproval(), OnlineCda(), OnlineCdaLongTap()};
         for (Scenario &s : v)
             Finish(s);
         return v;
@@ -326,12 +355,15 @@ std::vector<Scenario> &Scenarios() {
     return all;
 }
 
-// The first entry once through the scripted host: every C-APDU as scripted.
+// Each entry once through the scripted host: every C-APDU as scripted.
 bool CheckedWithScriptedHost(const Scenario &s) {
     ScriptedHost host;
     if (s.directory) s.directory->Install(host);
     const TapResult r = s.tap.Run(host);
-    return velk::host::ToHex(r.ops) == s.expectedOps && host.CardDone();
+    if (velk::host::ToHex(r.ops) != s.expectedOps || !host.CardDone()) return false;
+    if (!s.response) return true;
+    const TapResult second = s.tap.RunSecondEntry(host, *s.response, s.secondExchanges);
+    return velk::host::ToHex(second.ops) == s.expectedSecondOps && host.CardDone();
 }
 
 const Scenario *Find(const std::string &name) {
@@ -349,11 +381,19 @@ void BM_Transaction(benchmark::State &state, const char *name) {
 }
 BENCHMARK_CAPTURE(BM_Transaction, offline_approval, "offline");
 BENCHMARK_CAPTURE(BM_Transaction, online_cda, "online-cda");
+BENCHMARK_CAPTURE(BM_Transaction, online_cda_long_tap, "online-cda-long-tap");
 
-// Peak stack of the kernel over the scenarios, on a painted thread stack.
+// Peak stack of the kernel over the scenarios (those named, or all), on a
+// painted thread stack.
+std::vector<std::string> g_stackScenarios;
+
 void *StackThread(void *) {
     InstallShims();
     for (const Scenario &s : Scenarios()) {
+        if (!g_stackScenarios.empty() &&
+            std::find(g_stackScenarios.begin(), g_stackScenarios.end(), s.name) ==
+                g_stackScenarios.end())
+            continue;
         Prepare(s);
         Bind();
         Repaint();
@@ -397,11 +437,11 @@ int CountHeap() {
 
 int main(int argc, char **argv) {
     // Not for --once: callgrind counts every Kernel_Start_VELK_ of the run.
-    const bool once = argc == 3 && std::strcmp(argv[1], "--once") == 0;
+    const bool once = (argc == 3 || argc == 4) && std::strcmp(argv[1], "--once") == 0;
     for (Scenario &s : Scenarios()) {
         if (once) break;
         if (!CheckedWithScriptedHost(s)) {
-            std::fprintf(stderr, "%s: the scripted first entry did not end as expected\n",
+            std::fprintf(stderr, "%s: the scripted entries did not end as expected\n",
                          s.name.c_str());
             return 1;
         }
@@ -411,19 +451,13 @@ int main(int argc, char **argv) {
         if (s == nullptr) return 2;
         Prepare(*s);
         Bind();
-        return RunTransaction() ? 0 : 1;
+        return RunTransaction(argc == 4 ? std::strtoul(argv[3], nullptr, 10) : SIZE_MAX) ? 0 : 1;
     }
-    if (argc == 2 && std::strcmp(argv[1], "--stack") == 0) return MeasureStack();
+    if (argc >= 2 && std::strcmp(argv[1], "--stack") == 0) {
+        g_stackScenarios.assign(argv + 2, argv + argc);
+        return MeasureStack();
+    }
     if (argc == 2 && std::strcmp(argv[1], "--heap") == 0) return CountHeap();
-    if (argc == 2 && std::strcmp(argv[1], "--describe") == 0) {
-        Prepare(*Find("online-cda"));
-        Bind();
-        size_t apdus = 0;
-        RunTransaction(&apdus);
-        // The second entry counts once it talks to the card (second GENERATE AC).
-        std::printf("%s\n", apdus > 0 ? "two entries" : "first entry to Online Request");
-        return 0;
-    }
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

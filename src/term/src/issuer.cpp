@@ -28,10 +28,15 @@ IssuerConfig IssuerConfig::FromDecision(const std::string &decision) {
     return c;
 }
 
+// Only the template's own tag and length are read: what is inside is the
+// issuer's, passed on as it came, and the kernel judges it when it runs the
+// script (a lab sends malformed ones on purpose).
 bool IsIssuerScript(const Bytes &script) {
+    if (script.empty() || (script[0] != 0x71 && script[0] != 0x72)) return false;
+    Bytes outer = script;
+    outer[0] &= static_cast<uint8_t>(~0x20);  // read as primitive: the value is not parsed
     try {
-        const auto nodes = velk::host::ParseTlv(script, false);
-        return nodes.size() == 1 && (nodes[0].tag == 0x71 || nodes[0].tag == 0x72);
+        return velk::host::ParseTlv(outer, false).size() == 1;
     } catch (const std::invalid_argument &) {
         return false;
     }

@@ -523,6 +523,8 @@ std::vector<ScenarioResult> RunScenarios(const std::filesystem::path &path, cons
         if (files.empty()) return {RunError(path.string(), "no scenario file (*.json) here")};
     } else if (std::filesystem::is_regular_file(path, ec)) {
         files.push_back(path);
+    } else if (std::filesystem::exists(path, ec)) {
+        return {RunError(path.string(), "not a scenario file (a regular file) or a folder")};
     } else {
         return {RunError(path.string(), "no such scenario file or folder")};
     }

@@ -34,6 +34,12 @@ uint32_t EMV_Queue_Insert_Element(EMV_Queue *q, const ClessSignal_Message *signM
 /* 0 when q is null or empty; otherwise 1 with the oldest signal in *signMsg. */
 uint32_t EMV_Queue_Delete_Element(EMV_Queue *q, ClessSignal_Message *signMsg);
 
+/* Unsigned division by shifts and subtractions: n / d, with n % d in *rem
+ * when rem is not null. The kernel's few divisions go through it, so that a
+ * build for a core without a divide instruction carries no run-time division
+ * routine. A divisor of 0 gives 0xFFFFFFFF with the remainder n. */
+uint32_t udivmod_(uint32_t n, uint32_t d, uint32_t *rem);
+
 /* Conversions between binary numbers, packed BCD, big-endian byte strings and
  * hexadecimal text. Numbers are unsigned 32-bit and wrap. */
 uint8_t aschextobin(uint8_t thechar);

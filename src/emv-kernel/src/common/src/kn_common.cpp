@@ -20,6 +20,14 @@ bool Usable(const EMV_Queue *q) {
     return q != nullptr && q->pElement != nullptr && q->ucMaxElement != 0;
 }
 
+// An index taken modulo the queue's size (a usable queue's size is not 0;
+// an index is at most 256).
+uint8_t Wrap(uint32_t index, const EMV_Queue *q) {
+    while (index >= q->ucMaxElement)
+        index -= q->ucMaxElement;
+    return static_cast<uint8_t>(index);
+}
+
 // Field by field: a struct copy could become a library call.
 void CopySignal(ClessSignal_Message *dst, const ClessSignal_Message *src) {
     dst->ucSignalType = src->ucSignalType;
@@ -30,6 +38,28 @@ void CopySignal(ClessSignal_Message *dst, const ClessSignal_Message *src) {
 }  // namespace
 
 extern "C" {
+
+uint32_t udivmod_(uint32_t n, uint32_t d, uint32_t *rem) {
+    uint32_t q = 0;
+    uint32_t r = 0;
+    if (d == 0) {
+        q = 0xFFFFFFFFu;
+        r = n;
+    } else {
+        for (uint32_t bit = 32; bit-- > 0;) {
+            // A remainder with its top bit set doubles past 32 bits, and
+            // then certainly reaches d.
+            const bool carry = (r >> 31) != 0;
+            r = (r << 1) | ((n >> bit) & 1u);
+            if (carry || r >= d) {
+                r -= d;
+                q |= 1u << bit;
+            }
+        }
+    }
+    if (rem != nullptr) *rem = r;
+    return q;
+}
 
 uint32_t EMV_Queue_init(EMV_Queue *q) {
     if (q == nullptr) return 0;
@@ -48,7 +78,7 @@ uint32_t EMV_Queue_init(EMV_Queue *q) {
 uint8_t EMV_Queue_isFull(EMV_Queue *q) {
     if (!Usable(q)) return 1;
     const uint8_t rear = LoadIndex(&q->rear);
-    return LoadIndex(&q->front) == static_cast<uint8_t>((rear + 1u) % q->ucMaxElement) ? 1 : 0;
+    return LoadIndex(&q->front) == Wrap(rear + 1u, q) ? 1 : 0;
 }
 
 uint8_t EMV_Queue_isEmpty(EMV_Queue *q) {
@@ -58,18 +88,18 @@ uint8_t EMV_Queue_isEmpty(EMV_Queue *q) {
 
 uint32_t EMV_Queue_Insert_Element(EMV_Queue *q, const ClessSignal_Message *signMsg) {
     if (signMsg == nullptr || EMV_Queue_isFull(q)) return 0;
-    const uint8_t rear = LoadIndex(&q->rear) % q->ucMaxElement;
+    const uint8_t rear = Wrap(LoadIndex(&q->rear), q);
     CopySignal(&q->pElement[rear], signMsg);
-    const uint8_t next = static_cast<uint8_t>((rear + 1u) % q->ucMaxElement);
+    const uint8_t next = Wrap(rear + 1u, q);
     StoreIndex(&q->rear, next);
     return static_cast<uint32_t>(next) - static_cast<uint32_t>(LoadIndex(&q->front));
 }
 
 uint32_t EMV_Queue_Delete_Element(EMV_Queue *q, ClessSignal_Message *signMsg) {
     if (signMsg == nullptr || EMV_Queue_isEmpty(q)) return 0;
-    const uint8_t front = LoadIndex(&q->front) % q->ucMaxElement;
+    const uint8_t front = Wrap(LoadIndex(&q->front), q);
     CopySignal(signMsg, &q->pElement[front]);
-    StoreIndex(&q->front, static_cast<uint8_t>((front + 1u) % q->ucMaxElement));
+    StoreIndex(&q->front, Wrap(front + 1u, q));
     return 1;
 }
 
@@ -185,8 +215,10 @@ uint32_t Long_To_Bcd(uint8_t *pucDest, uint32_t uiDestLen, const uint32_t *pulSr
     if (pucDest == nullptr || pulSrc == nullptr) return 0;
     uint8_t bcd[kBcdBytes];
     for (uint32_t k = 0; k < kBcdBytes; ++k) {
-        const uint32_t pair = (*pulSrc / kBcdPairDivisors[k]) % 100;
-        bcd[k] = static_cast<uint8_t>((pair / 10) * 16 + pair % 10);
+        uint32_t pair = 0;
+        (void)udivmod_(udivmod_(*pulSrc, kBcdPairDivisors[k], nullptr), 100, &pair);
+        uint32_t low = 0;
+        bcd[k] = static_cast<uint8_t>(udivmod_(pair, 10, &low) * 16 + low);
     }
     Memset_(pucDest, 0, static_cast<int>(uiDestLen));
     const uint32_t count = Min(uiDestLen, kBcdBytes);

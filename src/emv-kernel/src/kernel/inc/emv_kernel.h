@@ -24,11 +24,15 @@
  *        outcome TLV 7F01. io must be at least VELK_IO_BUFFER_MIN_LEN bytes:
  *        the kernel never writes beyond that many bytes of it.
  *
- *        The input must be a well-formed TLV sequence of at most
- *        VELK_IO_BUFFER_MIN_LEN bytes; otherwise no step runs, the outcome is
- *        End Application and the result 0x33003. Top-level elements after 7F11
- *        are ignored, and the bytes of io from len up to VELK_IO_BUFFER_MIN_LEN
- *        are cleared before the transaction starts. The children of 7F11 (the
+ *        The input must be a sequence of TLV elements of at most
+ *        VELK_IO_BUFFER_MIN_LEN bytes, and the children of 7F11 must fill its
+ *        value; otherwise no step runs, the outcome is End Application and
+ *        the result 0x33003. What the children hold is not checked here: an
+ *        issuer script template (71, 72) that is malformed inside is passed
+ *        on as the issuer sent it and fails alone when it is run (its result
+ *        00, the TVR's script failure bit set). Top-level elements after 7F11
+ *        are ignored, and the bytes of io from len up to
+ *        VELK_IO_BUFFER_MIN_LEN are cleared before the transaction starts. The children of 7F11 (the
  *        transaction's dynamic parameters) must fit in 511 bytes once
  *        re-encoded in a 7F01, else the result is 0x31007. The FCI of the
  *        selected application (signal 0xA0 posted before the call, or 9F8201

@@ -92,6 +92,18 @@ uint32_t AddTagChecked(uint8_t *parent, uint32_t cap, uint32_t tag, const uint8_
 uint32_t AddTagUpdateChecked(uint8_t *parent, uint32_t cap, uint32_t tag, const uint8_t *value,
                              uint32_t len);
 
+// TLV_AddTag_UpDataMode with the same bound, for a direct child only: the
+// first child with the tag takes the value in place when it has the same
+// length, else it leaves and the new element goes to the end. No search
+// enters the children, so one that is malformed inside changes nothing.
+uint32_t ReplaceChildChecked(uint8_t *parent, uint32_t cap, uint32_t tag, const uint8_t *value,
+                             uint32_t len);
+
+// The database's lookup over the children in [first, end) of its 7F01: the
+// first child with the tag, or null. The same result as TLV_FindChildTag on
+// a list written only by the codec's builders, as the database is.
+uint8_t *FindStoredChild(uint8_t *first, const uint8_t *end, uint32_t tag);
+
 // Removes child, an element inside the value of the constructed parent (as
 // TLV_FindChildTag returns it), rewriting only the parent's length the way
 // TLV_DelTag does. The parent's new total length; 0 (nothing changed) when
@@ -107,6 +119,23 @@ uint32_t WellFormedLen(const uint8_t *p, uint32_t n);
 // Depth-first search like TLV_FindTag, over a sequence of top-level elements
 // filling exactly len bytes (checked first); null when absent or malformed.
 uint8_t *FindInSequence(uint8_t *p, uint32_t len, uint32_t tag);
+
+// The shape of the host's transaction input as kernel start takes it, read
+// without looking inside the elements: the issuer's scripts among them are
+// judged one by one where they run, and one malformed inside must not cost
+// the rest.
+//
+// True when elements (padding skipped before each, as TLV_Check_Format skips
+// it) fill exactly len bytes at p, each within the bytes left.
+bool SequenceFits(const uint8_t *p, uint32_t len);
+// Total length of the element at p when it lies within n bytes and, if it is
+// constructed, its children fill its value as SequenceFits says; 0 otherwise.
+uint32_t OuterLen(const uint8_t *p, uint32_t n);
+// Depth-first search like FindInSequence over len bytes whose top-level
+// elements fit (SequenceFits), where an element malformed inside another one
+// ends only that one's walk: the search goes on behind it. Null when absent.
+// Without `padding` no padding is skipped, as TLV_FindTag skips none.
+uint8_t *FindInInput(uint8_t *p, uint32_t len, uint32_t tag, bool padding = true);
 
 // ---- Database bounds (Database.cpp) ------------------------------------------
 
@@ -207,8 +236,8 @@ uint32_t CompareHashInput(const Writer &hash, const uint8_t *expected, uint32_t 
 
 // ---- Transaction control (VelkKernel_Process.cpp) ----------------------------
 
-// The constructed 7F11 of the transaction input (len bytes at input); null
-// when it is absent or the input is not a well-formed sequence.
+// The constructed 7F11 of the transaction input (len bytes at input, found
+// as FindInInput finds it); null when it is absent.
 uint8_t *InputTemplate(uint8_t *input, uint32_t len);
 
 // The input edits of the restart after an ECHO communication error: 9F06 and
@@ -217,11 +246,11 @@ uint8_t *InputTemplate(uint8_t *input, uint32_t len);
 // and cleared, and *len becomes the input's new length. The 7F11 stays inside
 // the first VELK_IO_BUFFER_MIN_LEN bytes of input. False, with *len unchanged
 // (the removals may already be done), when the input has no 7F11, the FCI
-// does not fit or the result is not well formed.
+// does not fit or the 7F11 would no longer hold whole children.
 bool EchoRestartInput(uint8_t *input, uint32_t *len, const uint8_t *fci, uint32_t fciLen);
 
 // The first element with this tag in the dynamic transaction parameters
-// (depth first), or null.
+// (depth first, as FindInInput finds it without padding), or null.
 uint8_t *DtpFind(uint32_t tag);
 
 // Replaces the child of the dynamic transaction parameters with this tag (or

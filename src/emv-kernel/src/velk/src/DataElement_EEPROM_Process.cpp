@@ -155,7 +155,7 @@ Retrieved RetrievedValue(uint32_t tag, uint8_t *rapdu, uint32_t rlen) {
 bool PutRetrieved(uint8_t *container, uint32_t tag, const Retrieved &r) {
     const uint8_t *anywhere = TLV_FindTag(container, tag);
     if (anywhere != nullptr && anywhere != TLV_FindChildTag(container, tag)) return false;
-    return velk::AddTagUpdateChecked(container, kContainerCap, tag, r.value, r.len) != 0;
+    return velk::ReplaceChildChecked(container, kContainerCap, tag, r.value, r.len) != 0;
 }
 
 // GET DATA for each tag of the GDDOL in order, the results collected in the
@@ -378,6 +378,10 @@ uint32_t VelkCless_Update_of_Data_Element_values_in_EEPROM(void) {
     }
     if (run.stopped) return velk::EndStopped();
 
+    // Looked for before 9F74 is stored: bf70 points into the database, and
+    // storing 9F74 can grow the database's length field and move every
+    // element behind it.
+    const bool noA3 = bf70 != nullptr && TLV_FindTag(bf70, 0xA3) == nullptr;
     StoreIfUpdated(run);
     const uint8_t flag = run.processed ? 1 : 0;
     if (run.communicationProblem) {
@@ -391,7 +395,7 @@ uint32_t VelkCless_Update_of_Data_Element_values_in_EEPROM(void) {
     if (!run.processed)
         terminate = update;
     else if (update)
-        terminate = FailedWithStop(run) || TLV_FindTag(bf70, 0xA3) == nullptr;
+        terminate = FailedWithStop(run) || noA3;
     else
         terminate = FailedWithStop(run);
     if (terminate)

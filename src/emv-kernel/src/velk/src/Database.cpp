@@ -172,19 +172,29 @@ VELK_GLOBALVALUE_STRUCT &G() {
     return *pgbVelkGlobalValue;
 }
 
-// The 7F01 element, or null when the area does not hold one of at most 8192
-// bytes (a block that was never initialised): such a database holds nothing
-// and takes nothing.
-uint8_t *Database() {
+// The children of the 7F01 element, [first, end); first is null when the
+// area does not hold a 7F01 of at most 8192 bytes (a block that was never
+// initialised): such a database holds nothing and takes nothing.
+struct Children {
+    uint8_t *first;
+    uint8_t *end;
+};
+__attribute__((always_inline)) inline Children Database() {
     uint8_t *db = G().ucDataBasebuf;
-    uint32_t tag = 0, len = 0;
-    const uint32_t head = Get_TagAndLen_Ex(db, &tag, &len);
-    return tag == kDatabaseTag && head + len <= VELK_DATABASE_LEN ? db : nullptr;
+    // The tag 7F01 is exactly these two bytes; the walkers refuse a length
+    // field of 84 or above.
+    if (db[0] != 0x7F || db[1] != 0x01 || db[2] >= 0x84) return {nullptr, nullptr};
+    const uint32_t lenLen = db[2] < 0x80 ? 1 : db[2] - 0x7F;
+    uint32_t len = lenLen == 1 ? db[2] : 0;
+    for (uint32_t i = 1; i < lenLen; ++i)
+        len = (len << 8) | db[2 + i];
+    if (2 + lenLen + len > VELK_DATABASE_LEN) return {nullptr, nullptr};
+    return {db + 2 + lenLen, db + 2 + lenLen + len};
 }
 
 uint8_t *Stored(uint32_t tag) {
-    uint8_t *db = Database();
-    return db == nullptr ? nullptr : TLV_FindChildTag(db, tag);
+    const Children c = Database();
+    return c.first == nullptr ? nullptr : velk::FindStoredChild(c.first, c.end, tag);
 }
 
 // Value and length of a stored element (written by TLV_New: minimal header).
@@ -206,9 +216,10 @@ uint8_t *ValueOf(uint8_t *element, uint32_t *len) {
 // the capacity test is the same (uiUseBuflen is not lowered by the delete).
 // On 0x31003 the old element is removed all the same.
 uint32_t Store(uint32_t tag, uint32_t len, const uint8_t *value, uint32_t sameLengthResult) {
-    uint8_t *db = Database();
-    if (db == nullptr) return kErrFull;
-    uint8_t *old = TLV_FindChildTag(db, tag);
+    const Children c = Database();
+    if (c.first == nullptr) return kErrFull;
+    uint8_t *db = G().ucDataBasebuf;
+    uint8_t *old = velk::FindStoredChild(c.first, c.end, tag);
     if (old != nullptr) {
         if (VelkCless_Check_IsMultiTagForbidden(tag)) return kErrSingle;
         uint32_t oldLen = 0;
@@ -224,8 +235,7 @@ uint32_t Store(uint32_t tag, uint32_t len, const uint8_t *value, uint32_t sameLe
     uint32_t total = fits ? velk::AddTagChecked(db, VELK_DATABASE_LEN, tag, value, len) : 0;
     const bool added = total != 0;
     if (old != nullptr) {
-        const uint32_t left =
-            velk::DelChild(db, TLV_FindChildTag(db, tag));  // the first: the old one
+        const uint32_t left = velk::DelChild(db, Stored(tag));  // the first: the old one
         if (added) total = left;
     }
     if (!added) return kErrFull;

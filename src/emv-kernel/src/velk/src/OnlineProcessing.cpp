@@ -114,18 +114,10 @@ bool SecondGenerateAc(uint8_t *completion, uint32_t *status) {
     return false;
 }
 
-// The top-level elements of a transaction input that lies at the start of a
-// VELK_IO_BUFFER_MIN_LEN-byte buffer (cleared after the input): its 7F11, or
-// null.
+// The 7F11 of a transaction input that lies at the start of a
+// VELK_IO_BUFFER_MIN_LEN-byte buffer (cleared after the input), or null.
 uint8_t *InputTemplateIn(const uint8_t *input) {
-    uint8_t *p = const_cast<uint8_t *>(input);
-    for (uint32_t at = 0; at < VELK_IO_BUFFER_MIN_LEN;) {
-        const uint32_t n = velk::WellFormedLen(p + at, VELK_IO_BUFFER_MIN_LEN - at);
-        if (n == 0 || p[at] == 0x00) return nullptr;
-        if (TLV_GetTag(p + at) == 0x7F11) return p + at;
-        at += n;
-    }
-    return nullptr;
+    return velk::InputTemplate(const_cast<uint8_t *>(input), VELK_IO_BUFFER_MIN_LEN);
 }
 
 }  // namespace

@@ -65,7 +65,11 @@ constexpr UsageRule kUsageRules[] = {
 extern "C" {
 
 uint32_t VelkCless_DATE_LeapYearInt(uint32_t year) {
-    const bool leap = (year % 400 == 0) || (year % 4 == 0 && year % 100 != 0);
+    uint32_t by400 = 0;
+    uint32_t by100 = 0;
+    (void)udivmod_(year, 400, &by400);
+    (void)udivmod_(year, 100, &by100);
+    const bool leap = by400 == 0 || ((year & 3u) == 0 && by100 != 0);
     return leap ? 0 : kDateNotLeap;
 }
 

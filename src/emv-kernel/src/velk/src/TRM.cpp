@@ -110,7 +110,9 @@ uint32_t VelkCless_Random_Transaction_Select(void) {
     // A host that gives no number leaves the byte 0: R is then 1.
     uint8_t random = 0;
     VelkCless_GetUnpredictableNumber(&random, 1);
-    const uint32_t ucRandNum = (random % 99u) + 1u;
+    uint32_t ucRandNum = 0;
+    (void)udivmod_(random, 99, &ucRandNum);
+    ++ucRandNum;
 
     bool bRandomSelect = false;
     if (uiTransAmount < ulThreshold) {
@@ -120,8 +122,8 @@ uint32_t VelkCless_Random_Transaction_Select(void) {
         // in 8 bits, as the reader always computed it. F > T here, so the
         // division is never by zero.
         const uint8_t step = static_cast<uint8_t>(
-            ((ucMaxTargetPercent - ucTargetPercent) * (uiTransAmount - ulThreshold)) /
-            (ulFloorLimit - ulThreshold));
+            udivmod_((ucMaxTargetPercent - ucTargetPercent) * (uiTransAmount - ulThreshold),
+                     ulFloorLimit - ulThreshold, nullptr));
         const uint8_t ucTransTragetPercent = static_cast<uint8_t>(ucTargetPercent + step);
         bRandomSelect = ucTransTragetPercent >= ucRandNum;
     }

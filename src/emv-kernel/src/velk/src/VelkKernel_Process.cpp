@@ -75,12 +75,18 @@ void ResetTransactionState() {
     (void)VelkDataBase_Init();
 }
 
-// The transaction input must be one well-formed sequence inside the minimum
-// buffer. The rest of the buffer is cleared so that any later walk of the
-// input ends in zero bytes rather than in whatever the host left there.
+// The transaction input must be a sequence of elements inside the minimum
+// buffer, and the children of its 7F11 must fill it. Nothing deeper is looked
+// at here: the issuer's scripts among the children are judged one by one
+// where they run, so that a malformed one fails alone. The rest of the
+// buffer is cleared so that any later walk of the input ends in zero bytes
+// rather than in whatever the host left there.
 bool AcceptInput(uint8_t *io, uint32_t *len) {
     if (io == nullptr || len == nullptr || *len > VELK_IO_BUFFER_MIN_LEN) return false;
-    if (TLV_Check_Format(io, len) == 0) return false;
+    if (!velk::SequenceFits(io, *len)) return false;
+    const uint8_t *params = velk::InputTemplate(io, *len);
+    if (params != nullptr && velk::OuterLen(params, *len - static_cast<uint32_t>(params - io)) == 0)
+        return false;
     Memset_(io + *len, 0, static_cast<int>(VELK_IO_BUFFER_MIN_LEN - *len));
     return true;
 }
@@ -725,7 +731,7 @@ uint32_t AddContainer(uint8_t *packet, uint32_t cap, Build build) {
 namespace velk {
 
 uint8_t *InputTemplate(uint8_t *input, uint32_t len) {
-    return FindInSequence(input, len, 0x7F11);
+    return FindInInput(input, len, 0x7F11);
 }
 
 bool EchoRestartInput(uint8_t *input, uint32_t *len, const uint8_t *fci, uint32_t fciLen) {
@@ -743,7 +749,7 @@ bool EchoRestartInput(uint8_t *input, uint32_t *len, const uint8_t *fci, uint32_
         remove(0x9F8201);
         if (AddTagChecked(params, room, 0x9F8201, fci, fciLen) == 0) return false;
     }
-    const uint32_t total = WellFormedLen(params, room);
+    const uint32_t total = OuterLen(params, room);
     if (total == 0) return false;
     *len = offset + total;
     Memset_(input + *len, 0, static_cast<int>(VELK_IO_BUFFER_MIN_LEN - *len));
@@ -751,11 +757,13 @@ bool EchoRestartInput(uint8_t *input, uint32_t *len, const uint8_t *fci, uint32_
 }
 
 uint8_t *DtpFind(uint32_t tag) {
-    return TLV_FindTag(Dtp(), tag);
+    // The kernel builds the 7F01 itself: its header is read as it stands.
+    uint8_t *dtp = Dtp();
+    return FindInInput(TLV_GetValue(dtp), TLV_GetLen(dtp), tag, false);
 }
 
 bool DtpReplace(uint32_t tag, const uint8_t *value, uint32_t len) {
-    const uint32_t total = AddTagUpdateChecked(Dtp(), kDtpCapacity, tag, value, len);
+    const uint32_t total = ReplaceChildChecked(Dtp(), kDtpCapacity, tag, value, len);
     if (total == 0) return false;
     G().uiDynamicTransactionParametersLen = total;
     return true;
@@ -817,7 +825,7 @@ uint32_t VelkCless_Start_Transaction(uint8_t *pInOutData, uint32_t *pInOutDatale
 
 uint32_t VelkCless_KernelStart_Step00(uint8_t *pInOutData, uint32_t *pInOutDatalen) {
     VELK_GLOBALVALUE_STRUCT &g = G();
-    const uint8_t *kernelId = velk::FindInSequence(pInOutData, *pInOutDatalen, 0xDF09);
+    const uint8_t *kernelId = velk::FindInInput(pInOutData, *pInOutDatalen, 0xDF09);
     if (kernelId != nullptr && TLV_GetLen(kernelId) != 0)
         g.ucKernelID = *TLV_GetValue(const_cast<uint8_t *>(kernelId));
     (void)VelkCless_Set_ContactlessApplicationNotAllowedindicator(0);

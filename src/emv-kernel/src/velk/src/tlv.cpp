@@ -169,12 +169,19 @@ struct WalkResult {
     uint32_t pos;
 };
 
+// How a walk treats its first element and malformed insides.
+enum WalkFlags : uint8_t {
+    kSkipFirst = 1,  // the element at 0 is not compared
+    kTolerant = 2,   // a malformed element inside another ends only that one
+};
+
 // Walks the elements of p[0, end) depth-first with a stack of open elements:
 // the finders over their root's extent, the checkers over the given length.
 // Padding (a run of FF, then a run of 00) is skipped where `pad` says. With
-// `find`, stops at the first element whose tag is `tag` (the element at 0 is
-// passed over when `skipFirst`).
-WalkResult Walk(const uint8_t *p, uint32_t end, Pad pad, bool find, uint32_t tag, bool skipFirst) {
+// `find`, stops at the first element whose tag is `tag`. Tolerant, an
+// element that is malformed inside an enclosing one ends only that enclosing
+// element: the walk goes on behind it.
+WalkResult Walk(const uint8_t *p, uint32_t end, Pad pad, bool find, uint32_t tag, uint8_t flags) {
     TLVStackStruct g_TagStack[TLV_MAX_DEPTH];
     uint32_t depth = 0;
     uint32_t pos = 0;
@@ -191,12 +198,17 @@ WalkResult Walk(const uint8_t *p, uint32_t end, Pad pad, bool find, uint32_t tag
         }
         const uint32_t limit = depth > 0 ? innermostEnd() : end;
         Header h;
-        if (!Element(p + pos, limit - pos, h) || depth == TLV_MAX_DEPTH)
-            return {Stop::Malformed, pos};
+        if (!Element(p + pos, limit - pos, h) || depth == TLV_MAX_DEPTH) {
+            if ((flags & kTolerant) == 0 || depth == 0) return {Stop::Malformed, pos};
+            pos = innermostEnd();
+            --depth;
+            continue;
+        }
         g_TagStack[depth].nPos = pos;
         g_TagStack[depth].nLen = h.total();
         ++depth;
-        if (find && h.tag == tag && !(skipFirst && pos == 0)) return {Stop::Found, pos};
+        if (find && h.tag == tag && !((flags & kSkipFirst) != 0 && pos == 0))
+            return {Stop::Found, pos};
         if (IsConstructed(p[pos])) {
             pos += h.head();
             continue;
@@ -210,13 +222,13 @@ WalkResult Walk(const uint8_t *p, uint32_t end, Pad pad, bool find, uint32_t tag
 uint8_t *FindFrom(uint8_t *root, uint32_t tag, Pad pad, bool skipRoot) {
     Header h;
     if (!Root(root, h)) return nullptr;
-    const WalkResult r = Walk(root, h.total(), pad, true, tag, skipRoot);
+    const WalkResult r = Walk(root, h.total(), pad, true, tag, skipRoot ? kSkipFirst : 0);
     return r.stop == Stop::Found ? root + r.pos : nullptr;
 }
 
 uint8_t CheckWalk(const uint8_t *p, uint32_t len, Pad pad) {
     if (p == nullptr) return 0;
-    const WalkResult r = Walk(p, len, pad, false, 0, false);
+    const WalkResult r = Walk(p, len, pad, false, 0, 0);
     return r.stop == Stop::Done && r.pos == len;
 }
 
@@ -671,6 +683,90 @@ uint32_t AddTagUpdateChecked(uint8_t *parent, uint32_t cap, uint32_t tag, const 
     return TLV_AddTag_UpDataMode(parent, tag, value, len);
 }
 
+uint32_t ReplaceChildChecked(uint8_t *parent, uint32_t cap, uint32_t tag, const uint8_t *value,
+                             uint32_t len) {
+    Header h;
+    if (parent == nullptr || cap == 0 || !IsConstructed(parent[0]) || !Element(parent, cap, h) ||
+        len > kMaxFaithfulLen)
+        return 0;
+    uint8_t *old = TLV_FindChildTag(parent, tag);
+    if (old == nullptr) return AddTagChecked(parent, cap, tag, value, len);
+    const Header o = Decode(old);
+    if (o.len == len) {
+        if (value != nullptr) CopyBytes(old + o.head(), value, len);
+        return h.total();
+    }
+    Header after = h;
+    after.len -= o.total();
+    uint32_t total = 0;
+    if (!GrownTotal(after, LenSize(after.len), ElementSize(tag, len), &total) || total > cap)
+        return 0;
+    (void)RemoveAt(parent, h, static_cast<uint32_t>(old - parent), o.total());
+    return TLV_AddTag(parent, tag, value, len);
+}
+
+// The database's lookup, run for nearly every data element a step reads:
+// TLV_FindChildTag's walk in a tight loop. The database is written only by
+// TLV_New, TLV_AddTag and the removals here, so its children are whole and
+// minimally encoded; the loop decodes each header in place and compares
+// the tag's bytes in place. No byte at or past `end` is read: headers are
+// decoded in place only while 8 bytes (the longest header) are left, and
+// Element decodes the last few. A child whose header or value would pass
+// `end` ends the search with null, as in TLV_FindChildTag.
+uint8_t *FindStoredChild(uint8_t *first, const uint8_t *end, uint32_t tag) {
+    constexpr uint32_t kLongestHeader = 8;
+    // A child carries the tag when its tag bytes are the tag's significant
+    // bytes: as many, the first one `lead`.
+    uint32_t lead = tag;
+    uint32_t tagLen = 1;
+    for (; lead > 0xFF; ++tagLen)
+        lead >>= 8;
+    uint8_t *e = first;
+    // In place while 8 bytes are left: the next child's address is tested
+    // once against that bound, and a child that leaves less (or whose value
+    // would pass the end) is taken again by the checked loop below.
+    const uintptr_t roomy = reinterpret_cast<uintptr_t>(end) - kLongestHeader;
+    if (end - e >= static_cast<ptrdiff_t>(kLongestHeader)) {
+        for (;;) {
+            // p: the length byte, behind the tag (TagAt's rule).
+            const uint32_t b0 = e[0];
+            uint8_t *p = e + 1;
+            if ((b0 & 0x1F) == 0x1F) {
+                p = e + 2;
+                if (e[1] > 0x80) {
+                    p = e + 3;
+                    if (e[2] > 0x80) p = e + 4;
+                }
+            }
+            uint8_t *value = p + 1;
+            uint32_t len = *p;
+            if (len >= 0x80) {
+                if (len >= 0x84) return nullptr;
+                const uint8_t *const stop = value + (len - 0x80);
+                for (len = 0; value < stop; ++value)
+                    len = (len << 8) | *value;
+            }
+            if (b0 == lead && p - e == static_cast<ptrdiff_t>(tagLen) &&
+                len <= static_cast<uint32_t>(end - value)) {
+                uint32_t carried = b0;
+                for (uint32_t i = 1; i < tagLen; ++i)
+                    carried = (carried << 8) | e[i];
+                if (carried == tag) return e;
+            }
+            const uintptr_t next = reinterpret_cast<uintptr_t>(value) + len;
+            if (next > roomy) break;
+            e = value + len;
+        }
+    }
+    while (e < end) {
+        Header c;
+        if (!Element(e, static_cast<uint32_t>(end - e), c)) return nullptr;
+        if (c.tag == tag) return e;
+        e += c.total();
+    }
+    return nullptr;
+}
+
 uint32_t DelChild(uint8_t *parent, uint8_t *child) {
     Header h;
     if (!Root(parent, h) || child < parent + h.head() || child >= parent + h.total()) return 0;
@@ -689,12 +785,35 @@ uint32_t WellFormedLen(const uint8_t *p, uint32_t n) {
     return Parse_TLV_buffer(p, h.total()) ? h.total() : 0;
 }
 
+bool SequenceFits(const uint8_t *p, uint32_t len) {
+    if (p == nullptr) return false;
+    for (uint32_t pos = SkipPadding(p, 0, len); pos < len; pos = SkipPadding(p, pos, len)) {
+        Header h;
+        if (!Element(p + pos, len - pos, h)) return false;
+        pos += h.total();
+    }
+    return true;
+}
+
+uint32_t OuterLen(const uint8_t *p, uint32_t n) {
+    Header h;
+    if (p == nullptr || !Element(p, n, h)) return 0;
+    if (IsConstructed(p[0]) && !SequenceFits(p + h.head(), h.len)) return 0;
+    return h.total();
+}
+
+uint8_t *FindInInput(uint8_t *p, uint32_t len, uint32_t tag, bool padding) {
+    if (p == nullptr) return nullptr;
+    const WalkResult r = Walk(p, len, padding ? Pad::Everywhere : Pad::None, true, tag, kTolerant);
+    return r.stop == Stop::Found ? p + r.pos : nullptr;
+}
+
 // Padding is skipped before every element, the first one included (as
 // TLV_Check_Format accepted it), and inside the elements as TLV_FindTag_Ex
 // skips it.
 uint8_t *FindInSequence(uint8_t *p, uint32_t len, uint32_t tag) {
     if (p == nullptr || !TLV_Check_Format(p, &len)) return nullptr;
-    const WalkResult r = Walk(p, len, Pad::Everywhere, true, tag, false);
+    const WalkResult r = Walk(p, len, Pad::Everywhere, true, tag, 0);
     return r.stop == Stop::Found ? p + r.pos : nullptr;
 }
 

@@ -28,7 +28,7 @@ struct IssuerConfig {
     static IssuerConfig FromDecision(const std::string &decision);
 };
 
-// True when the bytes are one whole template 71 or 72.
+// True when the bytes are one whole template 71 or 72, whatever it holds.
 bool IsIssuerScript(const Bytes &script);
 
 // What the issuer knows of a card: its key and what its first cryptogram covers.
