@@ -146,6 +146,7 @@ constexpr Callable kCallables[] = {
     VELK_FN(Hex_To_Long),
     VELK_FN(Long_to_Hex),
     VELK_FN(Long_To_Bcd),
+    VELK_FN(udivmod_),
     VELK_FN(VelkDataBase_Init),
     VELK_FN(VelkDataBase_Del_TAG),
     VELK_FN(VelkDataBase_Tag_IsPresent),
