@@ -6,15 +6,16 @@
 //   certificate:issuer:Ca1024:Issuer864:changes[:remainder length]
 //     the issuer certificate with the CA key, 90, 92 and 9F32 stored; "icc"
 //     for the ICC certificate (issuer key in 9F8232/9F32, 9F46, 9F47, 9F48,
-//     82 = 5900, 9F4A = 82), signed over the ODA data and the AIP
+//     82 = 5900, 9F4A = 82), signed over the ODA data and the AIP; without
+//     changes it must equal the test PKI's own certificate
 //   seal:tag:key:body:extra:changes   6A body BB.. SHA-1(body BB.. extra) BC,
 //                                     signed with the key, stored at tag
 //   public_key:n tag:e tag:key        the key's modulus and exponent stored
 //   modulus:tag:key                   the tag holds the key's modulus
 //   rsa_count, rsa_calls:N            the kernel's RSA calls since rsa_count
 //
-// Changes: header=6B, trailer=BD, append=00 (a byte after the block), hash=wrong, format=04, identity=541334FF,
-// expiry=1224, hashalg=02, keyalg=02, remainder=missing|short|long,
+// Changes: header=6B, trailer=BD, append=00 (a byte after the block), hash=wrong, format=04,
+// identity=541334FF, expiry=1224, hashalg=02, keyalg=02, remainder=missing|short|long,
 // certificate=short.
 #include <cstring>
 #include <stdexcept>
@@ -30,10 +31,14 @@ namespace {
 
 const pki::RsaKey &Key(const std::string &name) {
     namespace k = pki::test_keys;
-    for (const auto &[n, f] : {std::pair{"Ca1024", &k::Ca1024}, {"Ca1152", &k::Ca1152},
-                               {"Issuer744", &k::Issuer744}, {"Issuer864", &k::Issuer864},
-                               {"Issuer1024", &k::Issuer1024}, {"Icc688", &k::Icc688},
-                               {"Icc768", &k::Icc768}, {"Icc1024", &k::Icc1024}})
+    for (const auto &[n, f] : {std::pair{"Ca1024", &k::Ca1024},
+                               {"Ca1152", &k::Ca1152},
+                               {"Issuer744", &k::Issuer744},
+                               {"Issuer864", &k::Issuer864},
+                               {"Issuer1024", &k::Issuer1024},
+                               {"Icc688", &k::Icc688},
+                               {"Icc768", &k::Icc768},
+                               {"Icc1024", &k::Icc1024}})
         if (name == n) return f();
     throw std::invalid_argument("no key " + name);
 }
@@ -80,11 +85,11 @@ VELK_DRIVER(certificate) {
     Bytes body{ChangeByte(changes, "format", icc ? 0x04 : 0x02)};
     const std::string identity = Change(changes, "identity");
     const Bytes id = !identity.empty() ? Row::ParseHex(identity)
-                     : icc            ? pki::PadDigits("5413330089601040", 10)
-                                      : host::FromHex("541333FF");
+                     : icc             ? pki::PadDigits("5413330089601040", 10)
+                                       : host::FromHex("541333FF");
     const std::string expiry = Change(changes, "expiry");
-    for (const Bytes &b : {id, pki::ExpiryDate(expiry.empty() ? "1249" : expiry),
-                           host::FromHex("000001")})
+    for (const Bytes &b :
+         {id, pki::ExpiryDate(expiry.empty() ? "1249" : expiry), host::FromHex("000001")})
         body.insert(body.end(), b.begin(), b.end());
     body.push_back(ChangeByte(changes, "hashalg", 0x01));
     body.push_back(ChangeByte(changes, "keyalg", 0x01));
@@ -95,14 +100,26 @@ VELK_DRIVER(certificate) {
     const size_t inCertificate = std::min(signer.Size() - 22 - body.size(), subject.Size());
     body.insert(body.end(), subject.n.begin(), subject.n.begin() + long(inCertificate));
     Bytes remainder(subject.n.begin() + long(inCertificate), subject.n.end());
-    Bytes extra = host::Cat({remainder, subject.e});
-    if (icc) {
-        const auto *g = pgbVelkGlobalValue;
-        extra = host::Cat({extra, Bytes(g->ODA_AuthData, g->ODA_AuthData + g->ODA_AuthData_len),
-                           host::FromHex("5900")});
-    }
+    const auto *g = pgbVelkGlobalValue;
+    const Bytes staticData =
+        icc ? host::Cat({Bytes(g->ODA_AuthData, g->ODA_AuthData + g->ODA_AuthData_len),
+                         host::FromHex("5900")})
+            : Bytes{};
+    const Bytes extra = host::Cat({remainder, subject.e, staticData});
     if (!row.Arg(4).empty()) row.Eq("remainder length", row.U(4), remainder.size());
     Bytes cert = Seal(signer, body, extra, changes);
+    if (changes.empty()) {
+        // Unchanged: the test PKI's own certificate, which must be the same.
+        pki::IccCertificateRequest request;
+        request.pan = "5413330089601040";
+        request.serial = {0x00, 0x00, 0x01};
+        request.static_data = staticData;
+        const pki::KeyCertificate made =
+            icc ? pki::MakeIccCertificate(TestPkiBackend(), signer, subject, request)
+                : pki::MakeIssuerCertificate(TestPkiBackend(), signer, subject);
+        row.Eq("the test PKI's certificate", made.certificate, cert);
+        row.Eq("the test PKI's remainder", made.remainder, remainder);
+    }
     const std::string r = Change(changes, "remainder");
     if (r == "missing") remainder.clear();
     if (r == "short") remainder.pop_back();
@@ -138,8 +155,8 @@ VELK_DRIVER(modulus) {
 using RsaFn = decltype(emv_kn_glb_t{}.opt_alg.opt_rsa_encrypt);
 RsaFn realRsa = nullptr;
 uint32_t rsaCalls = 0;
-int CountingRsa(const uint8_t *n, uint32_t nLen, const uint8_t *e, uint32_t eLen,
-                const uint8_t *in, uint32_t inLen, uint8_t *out) {
+int CountingRsa(const uint8_t *n, uint32_t nLen, const uint8_t *e, uint32_t eLen, const uint8_t *in,
+                uint32_t inLen, uint8_t *out) {
     ++rsaCalls;
     return realRsa(n, nLen, e, eLen, in, inLen, out);
 }
