@@ -15,8 +15,6 @@ using velk::host::ToHex;
 
 namespace {
 
-constexpr size_t kHashLen = 20;
-
 std::optional<Bytes> PayloadValue(const Message &msg, uint32_t tag) {
     for (const TlvNode &node : ParseTlv(msg.payload, false))
         if (node.tag == tag) return node.value;
@@ -74,13 +72,6 @@ uint8_t AipBit(Cam cam) {
 }
 
 }  // namespace
-
-Bytes CaDirectory::Entry(const std::array<uint8_t, 3> &serial) const {
-    Bytes entry = rid;
-    entry.push_back(index);
-    entry.insert(entry.end(), serial.begin(), serial.end());
-    return entry;
-}
 
 void CaDirectory::Install(ScriptedHost &host) const {
     host.On(VELK_CMD_CA_KEY, [this](const Message &msg) {
@@ -201,50 +192,6 @@ void OdaCard::ApplyTo(FirstTap &tap) const {
         objects.insert(objects.begin() + 2, {0x9F4B, made.sdad});
         tap.gac = Respond(tap.GacCommand(), With9000(Template(0x77, objects, {})));
     }
-}
-
-Bytes SealBlock(const pki::Backend &backend, const pki::RsaKey &signer, const Bytes &body,
-                const Bytes &extra, const BlockFaults &faults) {
-    const size_t size = signer.Size();
-    Bytes block{faults.header};
-    block.insert(block.end(), body.begin(), body.end());
-    if (block.size() > size - kHashLen - 1) ADD_FAILURE() << "body too long for the key";
-    block.resize(size - kHashLen - 1, 0xBB);
-    Bytes input(block.begin() + 1, block.end());
-    input.insert(input.end(), extra.begin(), extra.end());
-    Bytes hash = backend.Sha1(input);
-    if (faults.wrongHash) hash[0] ^= 0x01;
-    block.insert(block.end(), hash.begin(), hash.end());
-    block.push_back(faults.trailer);
-    return backend.RsaPrivate(signer, block);
-}
-
-pki::KeyCertificate SignKeyCertificate(const pki::Backend &backend, const pki::RsaKey &signer,
-                                       const pki::RsaKey &subject, const CertificateFields &fields,
-                                       const Bytes &signedBeside, const BlockFaults &faults) {
-    Bytes body{fields.format};
-    body.insert(body.end(), fields.identity.begin(), fields.identity.end());
-    const Bytes expiry = pki::ExpiryDate(fields.expiry);
-    body.insert(body.end(), expiry.begin(), expiry.end());
-    body.insert(body.end(), fields.serial.begin(), fields.serial.end());
-    body.push_back(fields.hashAlgorithm);
-    body.push_back(fields.keyAlgorithm);
-    body.push_back(static_cast<uint8_t>(subject.Size()));
-    body.push_back(static_cast<uint8_t>(subject.e.size()));
-    // Header, hash and trailer take 22 bytes of the block, the fields the rest
-    // but the key's room.
-    const size_t area = signer.Size() - kHashLen - 2 - body.size();
-    const size_t inCertificate = std::min(area, subject.Size());
-    body.insert(body.end(), subject.n.begin(),
-                subject.n.begin() + static_cast<long>(inCertificate));
-    pki::KeyCertificate out;
-    out.remainder.assign(subject.n.begin() + static_cast<long>(inCertificate), subject.n.end());
-    out.exponent = subject.e;
-    Bytes extra = out.remainder;
-    extra.insert(extra.end(), subject.e.begin(), subject.e.end());
-    extra.insert(extra.end(), signedBeside.begin(), signedBeside.end());
-    out.certificate = SealBlock(backend, signer, body, extra, faults);
-    return out;
 }
 
 }  // namespace velk::test

@@ -44,8 +44,6 @@ struct CaDirectory {
     // key, else a reply without them. E9: DF8109 = 01 (or revokedIndicator)
     // for a listed certificate, else 00.
     void Install(ScriptedHost &host) const;
-    // The entry of `revoked` for a serial number under this RID and index.
-    Bytes Entry(const std::array<uint8_t, 3> &serial) const;
 };
 
 enum class Cam { Sda, Dda, Cda };
@@ -102,35 +100,5 @@ struct OdaCard {
     };
     mutable Signed made;
 };
-
-// A block laid out by hand and signed with the private key: header, body
-// padded with BB, SHA-1 over positions 1 to size - 22 and `extra`, trailer.
-// The faults make the kernel's field checks fire one by one.
-struct BlockFaults {
-    uint8_t header = 0x6A;
-    uint8_t trailer = 0xBC;
-    bool wrongHash = false;
-};
-Bytes SealBlock(const pki::Backend &backend, const pki::RsaKey &signer, const Bytes &body,
-                const Bytes &extra, const BlockFaults &faults = {});
-
-// The fields of an issuer (format 02, identity of 4 bytes) or ICC (format 04,
-// identity of 10 bytes) public key certificate, any of them wrong if a test
-// wants it so.
-struct CertificateFields {
-    uint8_t format = 0x02;
-    Bytes identity = velk::host::FromHex("541333FF");
-    std::string expiry = "1249";
-    std::array<uint8_t, 3> serial{0x00, 0x00, 0x01};
-    uint8_t hashAlgorithm = 0x01;
-    uint8_t keyAlgorithm = 0x01;
-};
-// The certificate of `subject` signed by `signer` through SealBlock, with
-// the remainder and exponent that travel beside it; `signedBeside` is the
-// static data of an ICC certificate.
-pki::KeyCertificate SignKeyCertificate(const pki::Backend &backend, const pki::RsaKey &signer,
-                                       const pki::RsaKey &subject, const CertificateFields &fields,
-                                       const Bytes &signedBeside = {},
-                                       const BlockFaults &faults = {});
 
 }  // namespace velk::test

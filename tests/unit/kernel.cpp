@@ -258,6 +258,19 @@ constexpr Callable kCallables[] = {
     VELK_FN(VelkCless_Anglyse_Generate_AC_2nd_Response),
     VELK_FN(VelkCless_ODA_CDA_Save_GAC_Exp9F4B),
     VELK_FN(VelkCless_ReadApplicationData),
+    VELK_FN(VelkCless_Get_CAPulicKey_Parameters),
+    VELK_FN(VelkCless_Retrieve_IssuerPubKey),
+    VELK_FN(VelkCless_Retrieve_ICC_PubKey),
+    VELK_FN(VelkCless_IPK_Cert_Revocation),
+    VELK_FN(VelkCless_Check_Cert_ExpDate),
+    VELK_FN(VelkCless_Data_Compare),
+    VELK_FN(VelkCless_Verify_Signed_Data_SDA),
+    VELK_FN(VelkCless_ODA_DDA_Get_SDDA),
+    VELK_FN(VelkCless_ODA_DDA_Dynamic_Signature_Verification),
+    VELK_FN(VelkCless_ODA_CDA_Dynamic_Signature_Verification),
+    VELK_FN(VelkCless_KernelStart_Step00),
+    VELK_FN(VelkCless_Process_FCI),
+    VELK_FN(VelkCless_TransactionInitialisation),
 };
 #undef VELK_FN
 #undef VELK_FN_AS
