@@ -1,5 +1,6 @@
-// Faults written on the command line: how they are read, what each change
-// does to a response, and what the faulty card does at the exchange it hits.
+// What each change of a fault does to a response, and what the faulty card
+// does at the exchange it hits (how faults are read and refused: the [faults]
+// rows of tests/cli/cases.txt).
 #include <gtest/gtest.h>
 
 #include "term/term_test.hpp"
@@ -13,76 +14,6 @@ using velk::card::CardErrorKind;
 using velk::card::Fault;
 using velk::card::FaultyCard;
 using velk::card::VirtualCard;
-
-struct ParseCase {
-    const char *text;
-    Fault::Action action;
-    const char *command;
-    int occurrence;
-    Fault::Change change;
-};
-
-class FaultParse : public ::testing::TestWithParam<ParseCase> {};
-
-TEST_P(FaultParse, ReadsActionCommandOccurrenceAndChange) {
-    const ParseCase &c = GetParam();
-    const Fault f = Fault::Parse(c.text);
-    EXPECT_EQ(f.action, c.action);
-    EXPECT_EQ(f.command, c.command);
-    EXPECT_EQ(f.occurrence, c.occurrence);
-    EXPECT_EQ(f.change, c.change);
-    EXPECT_EQ(f.text, c.text);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Faults, FaultParse,
-    ::testing::Values(
-        ParseCase{"tear@gac1", Fault::Action::kTear, "gac1", 1, Fault::Change::kNone},
-        ParseCase{"cancel@read-record#3", Fault::Action::kCancel, "read-record", 3,
-                  Fault::Change::kNone},
-        ParseCase{"remove@any#7", Fault::Action::kRemove, "any", 7, Fault::Change::kNone},
-        ParseCase{"mutate@gpo:sw=6985", Fault::Action::kMutate, "gpo", 1, Fault::Change::kSw},
-        ParseCase{"mutate@gac2:drop=9F27", Fault::Action::kMutate, "gac2", 1, Fault::Change::kDrop},
-        ParseCase{"mutate@select#2:dup=84", Fault::Action::kMutate, "select", 2,
-                  Fault::Change::kDup},
-        ParseCase{"mutate@gac:truncate=4", Fault::Action::kMutate, "gac", 1,
-                  Fault::Change::kTruncate},
-        ParseCase{"mutate@gpo:length=-1", Fault::Action::kMutate, "gpo", 1, Fault::Change::kLength},
-        ParseCase{"mutate@echo:append=9000", Fault::Action::kMutate, "echo", 1,
-                  Fault::Change::kAppend},
-        ParseCase{"respond@80CA9F17#2:9F1701039000", Fault::Action::kRespond, "80CA9F17", 2,
-                  Fault::Change::kNone},
-        ParseCase{"respond@gpo:", Fault::Action::kRespond, "gpo", 1, Fault::Change::kNone}),
-    [](const auto &info) { return std::to_string(info.index); });
-
-class FaultRefused : public ::testing::TestWithParam<std::pair<const char *, const char *>> {};
-
-TEST_P(FaultRefused, SaysWhatIsWrong) {
-    try {
-        Fault::Parse(GetParam().first);
-        FAIL() << "accepted " << GetParam().first;
-    } catch (const std::invalid_argument &e) {
-        EXPECT_NE(std::string(e.what()).find(GetParam().second), std::string::npos) << e.what();
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Faults, FaultRefused,
-    ::testing::Values(std::make_pair("tear", "expected ACTION@COMMAND"),
-                      std::make_pair("burn@gac1", "unknown action 'burn'"),
-                      std::make_pair("tear@gac3", "unknown command 'gac3'"),
-                      std::make_pair("tear@gac1#0", "#N counts from 1"),
-                      std::make_pair("tear@gac1#x", "'x' is not a number"),
-                      std::make_pair("tear@gac1:sw=9000", "only mutate takes"),
-                      std::make_pair("mutate@gpo", "mutate needs a change"),
-                      std::make_pair("mutate@gpo:sw=69", "sw= takes 4 hex digits"),
-                      std::make_pair("mutate@gpo:drop=9F", "'9F' is not a tag"),
-                      std::make_pair("mutate@gpo:truncate=0", "truncate=N needs N >= 1"),
-                      std::make_pair("mutate@gpo:append=ABC", "odd number of digits"),
-                      std::make_pair("mutate@gpo:zap=1", "unknown change 'zap'"),
-                      std::make_pair("tear@80", "unknown command '80'"),
-                      std::make_pair("respond@gpo:69Z5", "respond@gpo:69Z5")),
-    [](const auto &info) { return std::to_string(info.index); });
 
 Bytes Mutated(const char *fault, const char *response) {
     return velk::card::Mutate(Fault::Parse(fault), FromHex(response));

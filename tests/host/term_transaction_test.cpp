@@ -194,34 +194,5 @@ TEST_F(TransactionTest, FaultsThatFiredAndCardFailuresAreReported) {
     EXPECT_EQ(r.host_errors[0], "card: card removed (remove@select-ppse)");
 }
 
-struct AmountCase {
-    const char *text;
-    int exponent;
-    const char *bcd;  // null: refused
-};
-
-class Amounts : public ::testing::TestWithParam<AmountCase> {};
-
-TEST_P(Amounts, BecomeTwelveDigitsOfBcd) {
-    const AmountCase &c = GetParam();
-    if (c.bcd == nullptr) {
-        EXPECT_THROW(AmountToBcd(c.text, c.exponent), std::invalid_argument);
-    } else {
-        EXPECT_EQ(velk::host::ToHex(AmountToBcd(c.text, c.exponent)), c.bcd);
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Transactions, Amounts,
-    ::testing::Values(AmountCase{"25.00", 2, "000000002500"}, AmountCase{"25", 2, "000000002500"},
-                      AmountCase{"0.5", 2, "000000000050"}, AmountCase{".5", 2, "000000000050"},
-                      AmountCase{"1234", 0, "000000001234"},
-                      AmountCase{"9999999999.99", 2, "999999999999"},
-                      AmountCase{"0000000000025.00", 2, "000000002500"},
-                      AmountCase{"1.234", 2, nullptr}, AmountCase{"10000000000.00", 2, nullptr},
-                      AmountCase{"12,00", 2, nullptr}, AmountCase{"", 2, nullptr},
-                      AmountCase{".", 2, nullptr}, AmountCase{"-1", 2, nullptr}),
-    [](const auto &info) { return std::to_string(info.index); });
-
 }  // namespace
 }  // namespace velk::term::test
