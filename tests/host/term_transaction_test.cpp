@@ -178,21 +178,5 @@ TEST_F(TransactionTest, ARestartWaitsForTheCardAndCountsInTheReport) {
     EXPECT_EQ(r.result, "TRY AGAIN");
 }
 
-TEST_F(TransactionTest, FaultsThatFiredAndCardFailuresAreReported) {
-    kernel().programs.push_back([](const Bytes &) {
-        kernel().TakeSignal();
-        kernel().Call(0xF1, Tlv(0xDF01, FromHex("80CA9F3600")));
-        return Outcome(0x70);
-    });
-    options_.faults = {velk::card::Fault::Parse("tear@get-data")};
-    TransactionReport r = Run("offline-cda");
-    EXPECT_EQ(r.faults_fired, std::vector<std::string>{"tear@get-data"});
-    options_.faults = {velk::card::Fault::Parse("remove@select-ppse")};
-    r = Run("offline-cda");
-    EXPECT_EQ(r.result, "NO TRANSACTION");
-    ASSERT_EQ(r.host_errors.size(), 1u);
-    EXPECT_EQ(r.host_errors[0], "card: card removed (remove@select-ppse)");
-}
-
 }  // namespace
 }  // namespace velk::term::test
