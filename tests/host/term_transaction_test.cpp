@@ -1,7 +1,7 @@
 // Whole transactions as velk-term runs them, against a stand-in kernel that
 // plays the kernel's part: the inputs of both entries, the signals, the
-// online flows and what is reported. (Select Next and the plain online
-// request run against the real kernel in the scenario folder.)
+// online flows and what is reported. (Select Next, the plain online request
+// and a restart run against the real kernel in the scenario folder.)
 #include <gtest/gtest.h>
 
 #include "term/fake_kernel.hpp"
@@ -160,22 +160,6 @@ TEST_F(TransactionTest, WithoutAnOutcomeTheReportSaysSo) {
     EXPECT_EQ(r.why[0], "The kernel ended without an outcome: the kernel's output is empty.");
     EXPECT_EQ(r.why[1],
               "Kernel entry 1 returned 0x33003: the transaction input is not well-formed.");
-}
-
-TEST_F(TransactionTest, ARestartWaitsForTheCardAndCountsInTheReport) {
-    kernel().programs.push_back([](const Bytes &) {
-        kernel().TakeSignal();
-        const Bytes packet =
-            Cat({Tlv(0xDF8129, FromHex("7010F0F0C0F01300")), Tlv(0xDF00, Bytes{0xFE})});
-        kernel().Raw(Tlv(0x7F01, packet));
-        kernel().Call(0xD6, {});
-        const auto s = kernel().TakeSignal();
-        EXPECT_TRUE(s && s->type == kSignalCardPresent);
-        return Outcome(0x70);
-    });
-    const TransactionReport r = Run("echo");
-    EXPECT_EQ(r.restarts, 1);
-    EXPECT_EQ(r.result, "TRY AGAIN");
 }
 
 }  // namespace
