@@ -4,7 +4,8 @@ VELK_TERM CASES GROUP. Each row of the group [GROUP] reads
     ARGUMENTS | EXIT STATUS | TEXT
 and passes when velk-term, started with ARGUMENTS in the folder of the cases
 file, exits with EXIT STATUS and prints TEXT (on stdout or stderr; TEXT may
-be empty). Lines starting with # are comments."""
+be empty; \\n in it stands for a line break). Lines starting with # are
+comments."""
 import os
 import shlex
 import subprocess
@@ -23,6 +24,7 @@ def rows(path, group):
             fields = [f.strip() for f in line.split("|")]
             if len(fields) != 3:
                 sys.exit(f"{path}:{number}: expected ARGUMENTS | EXIT STATUS | TEXT")
+            fields[2] = fields[2].replace("\\n", "\n")
             yield number, fields
 
 

@@ -1,5 +1,6 @@
-// Faults written on the command line: how they are read, what each change
-// does to a response, and what the faulty card does at the exchange it hits.
+// What the faulty card does to the card behind it at the exchange a fault
+// hits: what the terminal sees is the [faults] and [fault-changes] rows of
+// tests/cli/cases.txt.
 #include <gtest/gtest.h>
 
 #include "term/term_test.hpp"
@@ -13,98 +14,6 @@ using velk::card::CardErrorKind;
 using velk::card::Fault;
 using velk::card::FaultyCard;
 using velk::card::VirtualCard;
-
-struct ParseCase {
-    const char *text;
-    Fault::Action action;
-    const char *command;
-    int occurrence;
-    Fault::Change change;
-};
-
-class FaultParse : public ::testing::TestWithParam<ParseCase> {};
-
-TEST_P(FaultParse, ReadsActionCommandOccurrenceAndChange) {
-    const ParseCase &c = GetParam();
-    const Fault f = Fault::Parse(c.text);
-    EXPECT_EQ(f.action, c.action);
-    EXPECT_EQ(f.command, c.command);
-    EXPECT_EQ(f.occurrence, c.occurrence);
-    EXPECT_EQ(f.change, c.change);
-    EXPECT_EQ(f.text, c.text);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Faults, FaultParse,
-    ::testing::Values(
-        ParseCase{"tear@gac1", Fault::Action::kTear, "gac1", 1, Fault::Change::kNone},
-        ParseCase{"cancel@read-record#3", Fault::Action::kCancel, "read-record", 3,
-                  Fault::Change::kNone},
-        ParseCase{"remove@any#7", Fault::Action::kRemove, "any", 7, Fault::Change::kNone},
-        ParseCase{"mutate@gpo:sw=6985", Fault::Action::kMutate, "gpo", 1, Fault::Change::kSw},
-        ParseCase{"mutate@gac2:drop=9F27", Fault::Action::kMutate, "gac2", 1, Fault::Change::kDrop},
-        ParseCase{"mutate@select#2:dup=84", Fault::Action::kMutate, "select", 2,
-                  Fault::Change::kDup},
-        ParseCase{"mutate@gac:truncate=4", Fault::Action::kMutate, "gac", 1,
-                  Fault::Change::kTruncate},
-        ParseCase{"mutate@gpo:length=-1", Fault::Action::kMutate, "gpo", 1, Fault::Change::kLength},
-        ParseCase{"mutate@echo:append=9000", Fault::Action::kMutate, "echo", 1,
-                  Fault::Change::kAppend},
-        ParseCase{"respond@80CA9F17#2:9F1701039000", Fault::Action::kRespond, "80CA9F17", 2,
-                  Fault::Change::kNone},
-        ParseCase{"respond@gpo:", Fault::Action::kRespond, "gpo", 1, Fault::Change::kNone}),
-    [](const auto &info) { return std::to_string(info.index); });
-
-class FaultRefused : public ::testing::TestWithParam<std::pair<const char *, const char *>> {};
-
-TEST_P(FaultRefused, SaysWhatIsWrong) {
-    try {
-        Fault::Parse(GetParam().first);
-        FAIL() << "accepted " << GetParam().first;
-    } catch (const std::invalid_argument &e) {
-        EXPECT_NE(std::string(e.what()).find(GetParam().second), std::string::npos) << e.what();
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Faults, FaultRefused,
-    ::testing::Values(std::make_pair("tear", "expected ACTION@COMMAND"),
-                      std::make_pair("burn@gac1", "unknown action 'burn'"),
-                      std::make_pair("tear@gac3", "unknown command 'gac3'"),
-                      std::make_pair("tear@gac1#0", "#N counts from 1"),
-                      std::make_pair("tear@gac1#x", "'x' is not a number"),
-                      std::make_pair("tear@gac1:sw=9000", "only mutate takes"),
-                      std::make_pair("mutate@gpo", "mutate needs a change"),
-                      std::make_pair("mutate@gpo:sw=69", "sw= takes 4 hex digits"),
-                      std::make_pair("mutate@gpo:drop=9F", "'9F' is not a tag"),
-                      std::make_pair("mutate@gpo:truncate=0", "truncate=N needs N >= 1"),
-                      std::make_pair("mutate@gpo:append=ABC", "odd number of digits"),
-                      std::make_pair("mutate@gpo:zap=1", "unknown change 'zap'"),
-                      std::make_pair("tear@80", "unknown command '80'"),
-                      std::make_pair("respond@gpo:69Z5", "respond@gpo:69Z5")),
-    [](const auto &info) { return std::to_string(info.index); });
-
-Bytes Mutated(const char *fault, const char *response) {
-    return velk::card::Mutate(Fault::Parse(fault), FromHex(response));
-}
-
-TEST(FaultMutate, EachChangeDoesWhatItSays) {
-    const char *gpo = "770A 8202 1900 9404 08010100 9000";
-    EXPECT_EQ(Mutated("mutate@gpo:sw=6985", gpo), FromHex("770A82021900940408010100 6985"));
-    // Dropping or doubling an element keeps the templates' lengths right.
-    EXPECT_EQ(Mutated("mutate@gpo:drop=82", gpo), FromHex("7706 940408010100 9000"));
-    EXPECT_EQ(Mutated("mutate@gpo:dup=82", gpo),
-              FromHex("770E 82021900 82021900 940408010100 9000"));
-    EXPECT_EQ(Mutated("mutate@gpo:drop=5A", gpo), FromHex(gpo));  // absent: unchanged
-    EXPECT_EQ(Mutated("mutate@gpo:truncate=3", gpo), FromHex("770A82021900940408 9000"));
-    EXPECT_EQ(Mutated("mutate@gpo:truncate=99", gpo), FromHex("9000"));
-    EXPECT_EQ(Mutated("mutate@gpo:length=+2", gpo), FromHex("770C82021900940408010100 9000"));
-    EXPECT_EQ(Mutated("mutate@gpo:length=-1", "9F4B 8103 010203 9000"),
-              FromHex("9F4B8102010203 9000"));
-    EXPECT_EQ(Mutated("mutate@gpo:append=FF00", gpo), FromHex("770A82021900940408010100FF00 9000"));
-    // Data that is not TLV cannot lose an element.
-    EXPECT_EQ(Mutated("mutate@gpo:drop=82", "0102 9000"), FromHex("0102 9000"));
-}
 
 class FaultyCardTest : public ::testing::Test {
 protected:
@@ -183,19 +92,6 @@ TEST_F(FaultyCardTest, OccurrencesCountPerCommandAndGenerateAcsCountFromTheGpo) 
     c.Transmit(Gpo(app.pdol.RelatedLength()));
     EXPECT_EQ(Sw(Gac(c)), 0x9000);
     EXPECT_EQ(Sw(c.Transmit(GenerateAc(0x40, Bytes(app.cdol2.RelatedLength(), 0)))), 0x9000);
-}
-
-TEST_F(FaultyCardTest, AGivenResponseLetsTheCardWorkAndCountsByTheCommandsBytes) {
-    FaultyCard c = With({"respond@80CA9F36#2:6A88", "respond@gac1:6985", "tear@gac2"});
-    Start(c);
-    EXPECT_EQ(Sw(c.Transmit(FromHex("80CA9F3600"))), 0x9000);
-    EXPECT_EQ(Sw(c.Transmit(FromHex("80CA9F1300"))), 0x9000);  // another command's bytes
-    EXPECT_EQ(c.Transmit(FromHex("80CA9F3600")), FromHex("6A88"));
-    EXPECT_EQ(Sw(Gac(c)), 0x6985);
-    // The card did produce the cryptogram: the next GENERATE AC is its second.
-    const auto &app = card_.Profile().applications[0];
-    EXPECT_EQ(Sw(card_.Transmit(GenerateAc(0x40, Bytes(app.cdol2.RelatedLength(), 0)))), 0x9000);
-    EXPECT_EQ(c.NotFired(), std::vector<std::string>{"tear@gac2"});
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The simulated issuer and the cryptography it shares with the virtual card:
 // the MACs against published vectors, the ARQC check and the ARPC that the
-// card accepts.
+// card accepts, what the issuer cannot check. (Its decisions and scripts as
+// the command line sets them are the [issuer] rows of tests/cli/cases.txt.)
 #include <gtest/gtest.h>
 
 #include "term/term_test.hpp"
@@ -55,25 +56,6 @@ TEST(EmvCrypto, SessionKeysAndCryptogramsFollowTheAtc) {
     EXPECT_THROW(velk::card::SessionKey(CardKey{CryptoAlgorithm::kAes, Bytes(15, 0)}, 1),
                  std::invalid_argument);
     EXPECT_THROW(velk::card::Arpc(tdes, 1, Bytes(7, 0), FromHex("3030")), std::invalid_argument);
-}
-
-TEST(IssuerDecision, ApproveDeclineOrAResponseCode) {
-    EXPECT_EQ(IssuerConfig::FromDecision("approve").arc, FromHex("3030"));
-    EXPECT_TRUE(IssuerConfig::FromDecision("approve").Approves());
-    EXPECT_EQ(IssuerConfig::FromDecision("decline").arc, FromHex("3035"));
-    EXPECT_EQ(IssuerConfig::FromDecision("51").arc, FromHex("3531"));
-    EXPECT_FALSE(IssuerConfig::FromDecision("51").Approves());
-    EXPECT_THROW(IssuerConfig::FromDecision("maybe"), std::invalid_argument);
-    EXPECT_THROW(IssuerConfig::FromDecision("5"), std::invalid_argument);
-}
-
-TEST(IssuerDecision, ScriptsAreWholeTemplates) {
-    EXPECT_TRUE(IsIssuerScript(FromHex("7105 860384 1E00")));
-    EXPECT_TRUE(IsIssuerScript(FromHex("7200")));
-    EXPECT_TRUE(IsIssuerScript(FromHex("7105 860984 1E00")));  // the kernel judges the inside
-    EXPECT_FALSE(IsIssuerScript(FromHex("7105 860384")));      // cut short
-    EXPECT_FALSE(IsIssuerScript(FromHex("7100 7100")));        // two
-    EXPECT_FALSE(IsIssuerScript(FromHex("7003 860100")));      // not a script template
 }
 
 // A first GENERATE AC of the online card, and the data record a kernel

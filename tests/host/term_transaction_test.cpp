@@ -1,7 +1,7 @@
 // Whole transactions as velk-term runs them, against a stand-in kernel that
 // plays the kernel's part: the inputs of both entries, the signals, the
-// online flows and what is reported. (Select Next and the plain online
-// request run against the real kernel in the scenario folder.)
+// online flows and what is reported. (Select Next, the plain online request
+// and a restart run against the real kernel in the scenario folder.)
 #include <gtest/gtest.h>
 
 #include "term/fake_kernel.hpp"
@@ -161,67 +161,6 @@ TEST_F(TransactionTest, WithoutAnOutcomeTheReportSaysSo) {
     EXPECT_EQ(r.why[1],
               "Kernel entry 1 returned 0x33003: the transaction input is not well-formed.");
 }
-
-TEST_F(TransactionTest, ARestartWaitsForTheCardAndCountsInTheReport) {
-    kernel().programs.push_back([](const Bytes &) {
-        kernel().TakeSignal();
-        const Bytes packet =
-            Cat({Tlv(0xDF8129, FromHex("7010F0F0C0F01300")), Tlv(0xDF00, Bytes{0xFE})});
-        kernel().Raw(Tlv(0x7F01, packet));
-        kernel().Call(0xD6, {});
-        const auto s = kernel().TakeSignal();
-        EXPECT_TRUE(s && s->type == kSignalCardPresent);
-        return Outcome(0x70);
-    });
-    const TransactionReport r = Run("echo");
-    EXPECT_EQ(r.restarts, 1);
-    EXPECT_EQ(r.result, "TRY AGAIN");
-}
-
-TEST_F(TransactionTest, FaultsThatFiredAndCardFailuresAreReported) {
-    kernel().programs.push_back([](const Bytes &) {
-        kernel().TakeSignal();
-        kernel().Call(0xF1, Tlv(0xDF01, FromHex("80CA9F3600")));
-        return Outcome(0x70);
-    });
-    options_.faults = {velk::card::Fault::Parse("tear@get-data")};
-    TransactionReport r = Run("offline-cda");
-    EXPECT_EQ(r.faults_fired, std::vector<std::string>{"tear@get-data"});
-    options_.faults = {velk::card::Fault::Parse("remove@select-ppse")};
-    r = Run("offline-cda");
-    EXPECT_EQ(r.result, "NO TRANSACTION");
-    ASSERT_EQ(r.host_errors.size(), 1u);
-    EXPECT_EQ(r.host_errors[0], "card: card removed (remove@select-ppse)");
-}
-
-struct AmountCase {
-    const char *text;
-    int exponent;
-    const char *bcd;  // null: refused
-};
-
-class Amounts : public ::testing::TestWithParam<AmountCase> {};
-
-TEST_P(Amounts, BecomeTwelveDigitsOfBcd) {
-    const AmountCase &c = GetParam();
-    if (c.bcd == nullptr) {
-        EXPECT_THROW(AmountToBcd(c.text, c.exponent), std::invalid_argument);
-    } else {
-        EXPECT_EQ(velk::host::ToHex(AmountToBcd(c.text, c.exponent)), c.bcd);
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Transactions, Amounts,
-    ::testing::Values(AmountCase{"25.00", 2, "000000002500"}, AmountCase{"25", 2, "000000002500"},
-                      AmountCase{"0.5", 2, "000000000050"}, AmountCase{".5", 2, "000000000050"},
-                      AmountCase{"1234", 0, "000000001234"},
-                      AmountCase{"9999999999.99", 2, "999999999999"},
-                      AmountCase{"0000000000025.00", 2, "000000002500"},
-                      AmountCase{"1.234", 2, nullptr}, AmountCase{"10000000000.00", 2, nullptr},
-                      AmountCase{"12,00", 2, nullptr}, AmountCase{"", 2, nullptr},
-                      AmountCase{".", 2, nullptr}, AmountCase{"-1", 2, nullptr}),
-    [](const auto &info) { return std::to_string(info.index); });
 
 }  // namespace
 }  // namespace velk::term::test

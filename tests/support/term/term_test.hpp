@@ -3,10 +3,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "velk/card/card.hpp"
@@ -31,30 +29,6 @@ inline velk::card::CardProfile CardProfileNamed(const std::string &name) {
 inline TerminalProfile TerminalNamed(const std::string &name) {
     return LoadTerminalProfile(Profiles() / "terminals" / (name + ".json"));
 }
-
-// A file of the test's own, removed with the fixture's directory.
-class TempDir {
-public:
-    TempDir() {
-        path_ = std::filesystem::temp_directory_path() /
-                ("velk-term-test-" + std::to_string(::getpid()) + "-" + std::to_string(counter_++));
-        std::filesystem::create_directories(path_);
-    }
-    ~TempDir() {
-        std::error_code ec;
-        std::filesystem::remove_all(path_, ec);
-    }
-    std::filesystem::path Write(const std::string &name, const std::string &text) const {
-        const auto p = path_ / name;
-        std::ofstream(p) << text;
-        return p;
-    }
-    const std::filesystem::path &Path() const { return path_; }
-
-private:
-    static inline int counter_ = 0;
-    std::filesystem::path path_;
-};
 
 inline Bytes Select(const Bytes &aid) {
     return velk::card::SelectCommand(aid);
