@@ -58,7 +58,9 @@ struct Row {
     }
     // Compares bytes with expected hex in which "??*N" leaves N bytes
     // unchecked (and ends the comparison when last).
-    bool Matches(std::string_view what, std::string_view want, const Bytes &got) {
+    // Compares got's first bytes with want; exact: got may not be longer.
+    bool Matches(std::string_view what, std::string_view want, const Bytes &got,
+                 bool exact = false) {
         std::string w, seen;
         size_t at = 0;
         for (size_t pos = 0; pos < want.size();) {
@@ -74,6 +76,8 @@ struct Row {
             for (size_t k = 0; k < part.size(); ++k, ++at)
                 seen += at < got.size() ? host::ToHex(Bytes{got[at]}) : "--";
         }
+        for (; exact && at < got.size(); ++at)
+            seen += host::ToHex(Bytes{got[at]});
         return Eq(what, w, seen);
     }
     bool Eq(std::string_view what, const std::string &want, const std::string &got) {

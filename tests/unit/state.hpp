@@ -147,7 +147,7 @@ inline void ExpectState(Row &row, const std::string &list) {
         else if (f != nullptr && f->number)
             row.Eq(key, std::to_string(std::stoul(value, nullptr, 16)), got);
         else
-            row.Matches(key, value, host::FromHex(got));
+            row.Matches(key, value, host::FromHex(got), f == nullptr);
     });
 }
 
