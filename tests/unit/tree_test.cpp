@@ -191,6 +191,20 @@ TEST(TreeHostile, AChildPastItsParentIsRefusedAndNothingChanges) {
     }
 }
 
+// A constructed element copied with a bad child inside made every later search
+// of the destination stop there; replace then appended on every call.
+TEST(TreeHostile, MovesFromOrIntoAMalformedTreeCopyNothing) {
+    Bytes src = FromHex("E1 0B A5 02 01 05 E1 00 E1 00 E1 00 E1 00");
+    std::vector<uint8_t> s(src.begin(), src.end()), dst = Tree(FromHex("E2 00"), 1);
+    EXPECT_EQ(tlv_batch_move_(s.data(), dst.data()), 0u);
+    EXPECT_EQ(tlv_move_(s.data(), dst.data(), 0xE1), 1u);
+    std::vector<uint8_t> bad = Tree(FromHex("E2 04 A5 02 01 05"), 1);
+    EXPECT_EQ(tlv_move_(Tree(FromHex("E1 02 5A 00")).data(), bad.data(), 0x5A), 1u);
+    EXPECT_EQ(tlv_add_child_(bad.data(), 0x5A, 0, nullptr), 0u);
+    EXPECT_EQ(Root(dst), FromHex("E2 00"));
+    EXPECT_EQ(Root(bad), FromHex("E2 04 A5 02 01 05"));
+}
+
 TEST(TreeHostile, NestingDeeperThan48IsRefused) {
     for (int levels : {48, 49}) {
         Bytes t = FromHex("5A 01 12");
