@@ -1,14 +1,19 @@
 // Arbitrary bytes into the codec. Every bounded entry point takes them as
 // they come; what TLV_Check_Format accepts is then walked with every finder
 // and iterator, and every element they hand out must lie inside its root and
-// be readable by the single-field getters.
+// be readable by the single-field getters. The number and text conversions
+// take the same bytes.
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
+#include <string>
 #include <vector>
 
 #include "fuzz_input.hpp"
 
 #include "checked.hpp"
+#include "global.h"
+#include "kn_common.h"
 #include "tlv.h"
 
 namespace {
@@ -100,6 +105,26 @@ void BuildUnchecked(const uint8_t *data, uint32_t size, uint32_t tag) {
     Require(velk::NewChecked(buf.data(), cap / 2, tag, value, len) <= cap / 2);
 }
 
+// The number and text conversions and the trace dumps on the same bytes,
+// each output exactly as large as its contract says.
+void Convert(const uint8_t *data, uint32_t size) {
+    const std::string text(reinterpret_cast<const char *>(data), size);
+    const size_t n = std::strlen(text.c_str());
+    std::vector<uint8_t> bytes((n + 1) / 2 + 1);
+    uint32_t whole = 0;
+    Require(Asc_To_Hex(text.c_str(), bytes.data(), &whole) == 0 && whole == n / 2);
+    std::vector<char> hex(2 * size + 1);
+    Require(Hex_To_Asc(data, size, hex.data()) == 2 * size && hex[2 * size] == '\0');
+    const uint32_t value = Hex_To_Long(data, size) ^ Bcd_To_Long(data, 2 * size);
+    std::vector<uint8_t> out(size % 8);
+    Long_to_Hex(out.data(), static_cast<uint32_t>(out.size()), &value);
+    if (out.size() >= 4)
+        Require(Hex_To_Long(out.data(), static_cast<uint32_t>(out.size())) == value);
+    Long_To_Bcd(out.data(), static_cast<uint32_t>(out.size()), &value);
+    Velk_trace_value(data, size);
+    Velk_trace_data(data, size);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -137,5 +162,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         Require(shrunk <= first + 64);
     }
     BuildUnchecked(data, len, tag | 0x20);
+    Convert(data, len);
     return 0;
 }

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "fuzz_input.hpp"
+#include "transaction_pki.hpp"
 #include "transaction_script.hpp"
 
 #include "baseKernel.h"
@@ -45,6 +46,7 @@ constexpr uint32_t kRefused = 0x3FFFF;
 
 alignas(8) uint8_t g_block[VELK_LOCAL_PARAM_MIN_LEN];
 ScriptReader *g_script = nullptr;
+FuzzPki g_pki;
 // Signal data stays where the kernel was told it is until the next input.
 std::deque<std::vector<uint8_t>> g_signalData;
 
@@ -141,8 +143,15 @@ uint32_t Callback(uint8_t *buffer, uint32_t *len) {
     uint8_t *df00 = TLV_FindTag(buffer, 0xDF00);
     CHECK(df00 != nullptr && TLV_GetLen(df00) == 1);
     const uint8_t cmd = TLV_GetValue(df00)[0];
+    Bytes command;
+    if (uint8_t *df01 = TLV_FindTag(buffer, 0xDF01); df01 != nullptr && cmd == VELK_CMD_APDU)
+        command.assign(TLV_GetValue(df01), TLV_GetValue(df01) + TLV_GetLen(df01));
 
     const uint32_t status = Answer(buffer, len);
+    if (status == 0 && g_pki.On()) {
+        if (cmd == VELK_CMD_CA_KEY) g_pki.AnswerCaKey(buffer, len);
+        if (cmd == VELK_CMD_APDU) g_pki.SignResponse(buffer, len, command);
+    }
     if (KernelWaits(cmd, status, buffer) && EMV_Queue_isEmpty(&pgbVelkGlobalValue->EmvQueue) != 0) {
         ClessSignal_Message stop{VELK_SIGNAL_STOP, nullptr, 0};
         Kernel_Customized_Contactless_VELK_(reinterpret_cast<uint8_t *>(&stop));
@@ -175,6 +184,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Kernel_load_callback_Routine_VELK_(&Callback, 0);
     Kernel_Init_VELK_(nullptr, 0);
     g_signalData.clear();
+    g_pki.Reset();
 
     ScriptReader script(data, size);
     g_script = &script;
@@ -188,6 +198,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             Post(r, true);
         } else if (r.kind == kPostNull) {
             Post(r, false);
+        } else if (r.kind == kSign) {
+            g_pki.Configure(r);
         }
     }
     g_script = nullptr;

@@ -3,7 +3,8 @@
 // input takes what is left. At the top level a script starts transactions and
 // posts signals; inside the kernel's callback each request consumes the
 // records up to its answer. The seed recorder (fuzz/seeds) writes the same
-// records from the scripted tests.
+// records from velk-term's scenarios. A 'Y' record at the top level switches
+// on the host's test PKI for the input (transaction_pki.hpp).
 #pragma once
 
 #include <cstddef>

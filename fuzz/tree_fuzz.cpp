@@ -2,6 +2,7 @@
 // the library itself and must stay exact (its size as the root says, every
 // enclosing length right); another starts as raw input and may be malformed:
 // the library must refuse what it cannot read, never reach past the buffer.
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
@@ -35,10 +36,34 @@ void RequireExact(const std::vector<uint8_t> &b) {
     }
 }
 
-// Room the caller reserves before an edit that may grow the tree by `grow`
-// bytes: the growth, 3 more length bytes per level, and the spare byte.
-bool Room(const std::vector<uint8_t> &b, u32 grow) {
-    return tlv_get_node_l_(b.data()) + grow + 3 * 48 + 8 < b.size();
+// The growth each editing operation may cause at most, as kn_tlv.h states it.
+constexpr uint64_t kModifyGrowth = 145;  // + L
+constexpr uint64_t kMoveGrowth = 142;    // + the copied element's size
+
+uint64_t MoveGrowth(pu8 src, u32 tag) {
+    const pu8 node = tlv_find_(src, tag);
+    return node == nullptr ? 0 : tlv_get_node_l_(node) + kMoveGrowth;
+}
+
+uint64_t BatchGrowth(pu8 src) {
+    uint64_t grow = 0;
+    for (pu8 c = tlv_get_first_child_(src); c != nullptr; c = tlv_get_next_child_(c))
+        grow += MoveGrowth(src, tlv_get_t_(c));
+    return grow;
+}
+
+// Runs an edit on a copy of the tree in a heap buffer of exactly its size, the
+// stated growth and the spare byte, so that AddressSanitizer sees any write
+// past what the caller reserved; the tree must not grow by more than stated.
+template <typename Edit>
+void Reserved(std::vector<uint8_t> &b, uint64_t grow, Edit edit) {
+    const u32 size = tlv_get_node_l_(b.data());
+    if (size + grow + 1 > b.size()) return;
+    std::vector<uint8_t> room(b.begin(), b.begin() + size);
+    room.resize(size + grow + 1, 0);
+    edit(room.data());
+    Require(tlv_get_node_l_(room.data()) <= size + grow);
+    std::copy(room.begin(), room.end(), b.begin());
 }
 
 void Operate(std::vector<uint8_t> &tree, std::vector<uint8_t> &other, Input &in, bool exact) {
@@ -55,9 +80,10 @@ void Operate(std::vector<uint8_t> &tree, std::vector<uint8_t> &other, Input &in,
                                        : tag;
     const bool constructed = (first & 0x20) != 0;
     if (exact && constructed && len != 0) return;
+    const u8 *v = value.data();
     switch (op % 8) {
         case 0:
-            if (Room(tree, len + 8)) tlv_add_child_(tree.data(), tag, len, value.data());
+            Reserved(tree, len + 12, [&](pu8 t) { tlv_add_child_(t, tag, len, v); });
             break;
         case 1:
             (void)tlv_find_(tree.data(), tag);
@@ -66,18 +92,18 @@ void Operate(std::vector<uint8_t> &tree, std::vector<uint8_t> &other, Input &in,
             tlv_delete_(tree.data(), tag);
             break;
         case 3:
-            if (Room(tree, len + 8)) tlv_modify_(tree.data(), tag, len, value.data());
+            Reserved(tree, len + kModifyGrowth, [&](pu8 t) { tlv_modify_(t, tag, len, v); });
             break;
         case 4:
-            if (Room(tree, len + 8)) tlv_replace_(tree.data(), tag, len, value.data());
+            Reserved(tree, len + kModifyGrowth, [&](pu8 t) { tlv_replace_(t, tag, len, v); });
             break;
         case 5:
-            if (Room(other, tlv_get_node_l_(tree.data())))
-                tlv_move_(tree.data(), other.data(), tag);
+            Reserved(other, MoveGrowth(tree.data(), tag),
+                     [&](pu8 o) { tlv_move_(tree.data(), o, tag); });
             break;
         case 6:
-            if (Room(other, tlv_get_node_l_(tree.data()) * 2))
-                tlv_batch_move_(tree.data(), other.data());
+            Reserved(other, BatchGrowth(tree.data()),
+                     [&](pu8 o) { tlv_batch_move_(tree.data(), o); });
             break;
         default: {
             const u8 *end = tree.data() + tlv_get_node_l_(tree.data());

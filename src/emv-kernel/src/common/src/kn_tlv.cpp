@@ -146,6 +146,26 @@ pu8 FindIn(pu8 node, const Node &n, u32 T, u32 depth, Status &status) {
     return nullptr;
 }
 
+// Every constructed node below `node` is read whole: its children tile its
+// value exactly, down to kMaxDepth levels.
+bool WellFormedIn(const u8 *node, const Node &n, u32 depth) {
+    if (!tlv_is_composite_(node) || n.len == 0) return true;
+    if (depth >= kMaxDepth) return false;
+    for (u32 at = n.head(); at < n.total();) {
+        Node c;
+        if (!Child(node, n, at, c) || !WellFormedIn(node + at, c, depth + 1)) return false;
+        at += c.total();
+    }
+    return true;
+}
+
+// Checked before every edit, so that a malformed tree is refused whole and
+// nothing in it changes (a search that stops at a bad node must not read as
+// "absent" and make a replace append).
+bool WellFormed(const u8 *root) {
+    return root != nullptr && WellFormedIn(root, Read(root), 1);
+}
+
 // ---- Delete ------------------------------------------------------------------
 
 // Removes the first node with tag T below or at `node`; the bytes removed
@@ -305,7 +325,9 @@ u8 tlv_is_composite_(const u8 *pTlvData) {
 // The move of the value takes the byte after it along: the caller keeps one
 // spare byte behind the room it reserved for the growth.
 u32 tlv_add_child_(pu8 pTlvData, u32 T, u32 L, const u8 *pV) {
-    if (pTlvData == nullptr || (pV == nullptr && L != 0) || !tlv_is_composite_(pTlvData)) return 0;
+    if (pTlvData == nullptr || (pV == nullptr && L != 0) || !tlv_is_composite_(pTlvData) ||
+        !WellFormed(pTlvData))
+        return 0;
     const Node n = Read(pTlvData);
     const u32 written = tlv_new_(pTlvData + n.total(), T, L, pV);
     const u32 len = n.len + written;
@@ -328,6 +350,7 @@ pu8 tlv_find_(pu8 pTlvData, u32 T) {
 u32 tlv_delete_(pu8 pTlvData, u32 T) {
     if (pTlvData == nullptr) return 0;
     const Node root = Read(pTlvData);
+    if (!WellFormed(pTlvData)) return root.total();
     p_tlv_src = pTlvData;
     p_tlv_total_size = root.total();
     Status status = Status::Going;
@@ -340,7 +363,7 @@ u32 tlv_delete_(pu8 pTlvData, u32 T) {
 // growth or shrinkage of the enclosing length fields is not in it (kept as it
 // is; the tree is exact, tlv_get_node_l_ gives its size).
 u32 tlv_modify_(pu8 pTlvData, u32 T, u32 L, const u8 *pV) {
-    if (pTlvData == nullptr) return 0;
+    if (!WellFormed(pTlvData)) return 0;
     const Node root = Read(pTlvData);
     p_tlv_src = pTlvData;
     p_tlv_total_size = 0;
@@ -353,6 +376,7 @@ u32 tlv_modify_(pu8 pTlvData, u32 T, u32 L, const u8 *pV) {
 }
 
 u32 tlv_replace_(pu8 pTlvData, u32 T, u32 L, const u8 *pV) {
+    if (!WellFormed(pTlvData)) return 0;
     if (tlv_find_(pTlvData, T) != nullptr)
         tlv_modify_(pTlvData, T, L, pV);
     else
@@ -360,8 +384,10 @@ u32 tlv_replace_(pu8 pTlvData, u32 T, u32 L, const u8 *pV) {
     return 0;
 }
 
-// Source and destination are distinct trees.
+// Source and destination are distinct trees. A malformed source or
+// destination copies nothing, like an absent tag (1).
 u32 tlv_move_(pu8 pTlvData, pu8 pTlvDstData, u32 T) {
+    if (!WellFormed(pTlvData) || !WellFormed(pTlvDstData)) return 1;
     pu8 node = tlv_find_(pTlvData, T);
     if (node == nullptr) return 1;
     tlv_replace_(pTlvDstData, T, tlv_get_l_(node), tlv_get_v_(node));
@@ -392,7 +418,9 @@ pu8 tlv_get_next_child_(pu8 pTlvData) {
 }
 
 u32 tlv_batch_move_(pu8 pTlvData, pu8 pTlvDstData) {
-    if (!tlv_is_composite_(pTlvData) || !tlv_is_composite_(pTlvDstData)) return 0;
+    if (!tlv_is_composite_(pTlvData) || !tlv_is_composite_(pTlvDstData) || !WellFormed(pTlvData) ||
+        !WellFormed(pTlvDstData))
+        return 0;
     for (pu8 child = tlv_get_first_child_(pTlvData); child != nullptr;
          child = tlv_get_next_child_(child))
         tlv_move_(pTlvData, pTlvDstData, tlv_get_t_(child));
