@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The database's everyday pair on a database filled like a real transaction:
 // about a hundred elements of the tags and sizes a payment stores (terminal
 // data, FCI, GPO and record data, certificates, GENERATE AC response, the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whole transactions as a host sees them, with a card that answers at once:
 // an offline approval (no ODA), an online CDA transaction to its Online
 // Request, and the same on a long tap with its second entry (the issuer's

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Compiler settings shared by the kernel and the rest of the tree.
 
 # Warnings are errors everywhere.

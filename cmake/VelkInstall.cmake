@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What `cmake --install` gives an integrator besides the libraries and headers
 # (whose rules live with their targets): the CMake package (velk::velk,
 # velk::velk_static), the pkg-config file, the integration guide, the ABI

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Manual pages: libvelk(3), written by hand (its version from the project's),
 # and velk-term(1), made at build time from the program's own help with
 # help2man, every subcommand included. A cross build makes velk-term(1) only

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # 32-bit ARM (armhf) cross build with Debian's g++-arm-linux-gnueabihf.
 # Tests run under qemu-user through CMAKE_CROSSCOMPILING_EMULATOR, with the
 # cross toolchain's C library first on the search path: where Debian's

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * minimal_host.c: a complete libvelk host in plain C11.
  *

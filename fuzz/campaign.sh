@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The long campaign, outside CI: each target in turn (one fuzzer process at a
 # time) for RUNS executions or SECONDS, whichever comes first, on a copy of its
 # corpus; then the inputs that reach something new are merged back into

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Arbitrary bytes into the codec. Every bounded entry point takes them as
 // they come; what TLV_Check_Format accepts is then walked with every finder
 // and iterator, and every element they hand out must lie inside its root and

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The kernel's line coverage reached by the committed corpus alone: builds the
 # fuzz targets with clang's source-based coverage in BUILD_DIR, runs each once
 # over its corpus (no fuzzing) and prints llvm-cov's report for src/emv-kernel.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Card-shaped elements set, overwritten, deleted and read in a bound kernel
 // block, with the data records built from the result. After every operation
 // the database must be one well-formed 7F01 of at most 8192 bytes whose

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What `velk-term decode` and `tvr` do with their argument: hex text into
 // bytes, the bytes decoded as TLV to lines and to JSON (bytes that are not
 // UTF-8 replaced, as velk-term prints it), and explained as a TVR. The

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shared by the fuzz targets: the input read as a stream of bytes, and the
 // check that turns a broken invariant into a crash libFuzzer reports.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shared by the fuzz targets of velk-term's file loaders: a private folder
 // beside links to the bundled keys and lists (so that a terminal's
 // "../keys/ca.json" resolves as it does in profiles/), where each input is

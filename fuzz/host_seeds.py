@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Writes the seeds of velk-term's fuzz targets from the bundled profiles and
 scenarios: the files as they are (and two that extend a bundled one), the
 C-APDUs of one payment with each bundled card as vpcd frames, and the card

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Card and terminal profiles as velk-term loads them, `extends` included:
 // the input is written as a file (and the base it may extend) and read by
 // both loaders. A bad profile must end in ProfileError, the one kind

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs every fuzz target for SECONDS on a temporary copy of its committed
 # corpus (the repository is never written); crash inputs go to
 # BUILD_DIR/fuzz-artifacts. Exits non-zero when any target crashed.

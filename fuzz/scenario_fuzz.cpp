@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Scenario files as `velk-term run` reads them: loaded, then their
 // expectations checked against an empty report, as after a transaction
 // that reached nothing. Only ProfileError may leave the loader.

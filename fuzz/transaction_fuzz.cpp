@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whole transactions through the exported entry functions, with the fuzzer's
 // bytes as every card response, every host reply and every signal (see
 // transaction_script.hpp for the records). Up to four transactions run on one

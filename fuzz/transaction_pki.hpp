@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fuzz host's test PKI, switched on for one input by a 'Y' record at the
 // top of its script. The host then answers the CA key request with the test
 // CA key and, beside it, the issuer and ICC certificates and the signed

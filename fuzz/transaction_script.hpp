@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The input of transaction_fuzz: a script of records, each one byte of kind,
 // two bytes of length (big-endian) and the data. A length past the end of the
 // input takes what is left. At the top level a script starts transactions and

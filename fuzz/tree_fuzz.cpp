@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tree library on a buffer with reserved room. One tree is built only by
 // the library itself and must stay exact (its size as the root says, every
 // enclosing length right); another starts as raw input and may be malformed:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The bytes a vpcd driver sends to `serve-vpcd`: frames of any length,
 // control codes, APDUs, a frame cut short and the close that follows,
 // served by a fresh virtual card over one end of a socket pair while a

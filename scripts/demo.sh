@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # One whole contactless transaction through libvelk, explained: on a fresh
 # Debian 12 machine as root it installs the few Debian packages the build
 # needs, builds the library and velk-term (Release, in build-demo/), and pays

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # The whole test suite, as CI runs it, on a fresh Debian 12 machine as root:
 # installs the Debian packages it needs, then builds and tests natively, under
 # ASan+UBSan, under TSan (the threaded tests), for 32-bit ARM under qemu,
@@ -244,6 +245,10 @@ for stage in $STAGES; do
         --error-exitcode=1 --std=c++20 --language=c++ -j "$JOBS" \
         -I "$ROOT/src/emv-kernel/src/kernel/inc" -I "$ROOT/src/emv-kernel/src/common/inc" \
         -I "$ROOT/src/emv-kernel/src/velk/inc" "$ROOT/src/emv-kernel"
+      # Every source file carries the project's licence identifier.
+      missing=$(git -C "$ROOT" ls-files | grep -E '\.(c|cc|cpp|h|hpp|sh|py|cmake)$|(^|/)CMakeLists\.txt$' |
+        while read -r f; do head -n 3 "$ROOT/$f" | grep -q 'SPDX-License-Identifier: Apache-2.0' || echo "$f"; done)
+      [ -z "$missing" ] || { echo "FAIL: no SPDX-License-Identifier line in:"; echo "$missing"; exit 1; }
       echo "lint: clean" ;;
     fuzz)
       if [ -x "$ROOT/fuzz/run.sh" ]; then

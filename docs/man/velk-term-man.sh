@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # velk-term(1), made from the program's own help: help2man reads the main
 # --help and --version, and every subcommand's --help is added under
 # COMMANDS, so the page always says what the program says.

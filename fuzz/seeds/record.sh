@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Records seeds for transaction_fuzz from velk-term's bundled scenarios: a
 # stand-in kernel library (recorder.cpp) between velk-term and libvelk.so
 # writes each transaction as fuzz records into OUT_DIR. Every seed is also

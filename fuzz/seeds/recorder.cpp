@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Records what a host does with the kernel as transaction_fuzz records
 // (transaction_script.hpp). Built as a stand-in kernel library: it exports the
 // entry functions, forwards each call to the real library ($VELK_SEED_LIB)

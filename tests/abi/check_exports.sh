@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # libvelk.so exports exactly the six entry functions, in version VELK_1, and
 # carries a versioned SONAME.
 set -eu

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # libvelk.so may import only memset, strlen, vsnprintf, raise and the host's
 # pemv_kn_glb, plus the loader's weak boilerplate.
 set -eu

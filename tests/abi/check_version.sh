@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # The versioned ABI of libvelk.so (docs/abi.md): the library file is
 # libvelk.so.VERSION; its SONAME is libvelk.so.MAJOR; the version script's node
 # is VELK_MAJOR and the library defines it (later nodes of the same major

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Runs the velk-term command lines of a cases file: velk-term run_cases.py
 VELK_TERM CASES GROUP. Each row of the group [GROUP] reads
     ARGUMENTS | EXIT STATUS | TEXT

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Installs a build tree into a temporary prefix, moves the installed tree
 # elsewhere (the packages must be relocatable), and builds and runs the tiny
 # consumer against it: with pkg-config, and with find_package(velk CONFIG),

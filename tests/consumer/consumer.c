@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* A tiny integrator: includes the installed header, defines the platform
  * services the library imports, binds a block and checks the entry functions'
  * answers. Built against an installed libvelk, shared and static. */

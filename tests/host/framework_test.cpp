@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The OpenSSL host framework's service table: every member published, and
 // null buffers refused. Its known answers are the rows of unit/crypto.data
 // and unit/ciphers.data.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The virtual card's answers beyond what a kernel asks of it: the refusals
 // and counters command by command, its cryptograms recomputed from DES alone,
 // the ARPC check. (Its certificates and signatures are checked by the kernel

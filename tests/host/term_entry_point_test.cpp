@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A terminal application that does not allow partial selection: no profile
 // of the suite has one. (The entry point's candidates, their order and the
 // fallback without a PPSE are the [entry-point] rows of tests/cli/cases.txt.)

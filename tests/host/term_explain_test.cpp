@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the command line cannot reach of velk-term's words on bytes (decode
 // and tvr are rows of tests/cli/cases.txt): kernel statuses by code or area,
 // amounts by exponent, and the tag dictionary itself.

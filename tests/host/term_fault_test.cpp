@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the faulty card does to the card behind it at the exchange a fault
 // hits: what the terminal sees is the [faults] and [fault-changes] rows of
 // tests/cli/cases.txt.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host's answers to requests no real kernel sends: unknown AIDs and
 // keys, an online context never stored, malformed requests, unknown
 // commands, replies that would not fit, and exceptions that must not reach

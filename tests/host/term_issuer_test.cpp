@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated issuer and the cryptography it shares with the virtual card:
 // the MACs against published vectors, the ARQC check and the ARPC that the
 // card accepts, what the issuer cannot check. (Its decisions and scripts as

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whole transactions as velk-term runs them, against a stand-in kernel that
 // plays the kernel's part: the inputs of both entries, the signals, the
 // online flows and what is reported. (Select Next, the plain online request

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The vpcd protocol: length-prefixed messages, the driver's control codes
 // and APDUs, over a real TCP connection to a listener that plays the driver.
 #include <gtest/gtest.h>

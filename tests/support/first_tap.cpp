@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "first_tap.hpp"
 
 #include <gtest/gtest.h>

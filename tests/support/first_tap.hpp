@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A whole first tap against a standard reader and a standard card, with knobs,
 // for tests that read as "card with CVM List X, amount Y -> GPO bytes, READ
 // RECORDs, GENERATE AC bytes, outcome".

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A kernel bound to a fresh zero-filled block, as a host binds it: the block,
 // a callback (none by default) and Kernel_Init_VELK_. Tests of internal rules
 // (codec, database, accessors) use it to get a valid global record.

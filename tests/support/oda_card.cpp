@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "oda_card.hpp"
 
 #include <gtest/gtest.h>

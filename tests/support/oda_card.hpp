@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Cards with a real certificate chain for offline data authentication, built
 // at test time with the test PKI (TestPkiBackend(): OpenSSL natively, the
 // portable backend on armhf), and the host's side of it: the CA key directory

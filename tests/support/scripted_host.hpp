@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A scripted host for whole transactions: binds a fresh kernel block, installs
 // itself as the kernel's callback, answers the kernel's requests from
 // configurable data, plays a scripted card for the APDU exchange, and records

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=sh
 # Shared by the checks of velk-term's outputs: arguments, the tool check
 # (exit 77: skipped) and a scratch folder in the build tree.

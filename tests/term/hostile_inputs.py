@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Runs the rows of hostile_inputs.rows against velk-term.
 
 A row is `description | command line | exit status | expected text`. The

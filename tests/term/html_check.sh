@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # The HTML reports of runs (the bundled scenarios; a pass, a failure and an
 # error) and of one transaction in headless Chromium:
 # rendered to the end (the page's last step marks it) without a script error

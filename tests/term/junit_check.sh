@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # The JUnit report of a run: well-formed, in Ant's shape (junit.xsd), and its
 # counts those of the run's own summary, over the bundled scenarios and over
 # a folder with one scenario of each kind (pass, fail, error).

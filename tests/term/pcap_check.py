@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Each scenario's capture as Wireshark's tshark reads it: every data frame
 with a good CRC_A, every frame but RATS and ATS an ISO 14443-4 I-block (or
 the R-block that acknowledges a chained one), the reader's block numbers

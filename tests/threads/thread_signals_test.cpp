@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The signal queue with a real second thread: the kernel waits (busy, with no
 // time-out) while another thread of the host posts. Labelled "threads" for
 // the thread-sanitizer build.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Transactions back to back on one bound block: every scenario's outcome and
 // status must equal its first run's, so nothing leaks from one transaction
 // into the next except what the kernel keeps on purpose (the signal queue,

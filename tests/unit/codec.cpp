@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Drivers of codec.data that the generic call cannot express: out
 // parameters, several functions over one input, iteration. Buffers are
 // exact-size heap copies unless room is asked for, so that a read past the

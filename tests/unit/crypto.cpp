@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Drivers of crypto.data and ciphers.data: known answers and refusals of the
 // platform's service table, whichever platform is linked (the OpenSSL host
 // framework, or the portable one where there is no OpenSSL).

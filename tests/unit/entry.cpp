@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Drivers of entry.data: the exported entry functions and the signal queue
 // behind them.
 #include <cstring>

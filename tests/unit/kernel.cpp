@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Drivers shared by the kernel's rule families: set and expect kernel state,
 // call a kernel function by name, and look at the database's own bytes.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Offline data authentication rows: certificates and signatures signed at run
 // time with the test PKI's fixed keys (Ca1024, Ca1152, Issuer744, Issuer864,
 // Issuer1024, Icc688, Icc768, Icc1024), laid out by hand so that a row can

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Drivers of outcome.data: the outcome packet as it reaches the host.
 //
 //   packet:capacity:children   builds the packet (capacity "-": the whole

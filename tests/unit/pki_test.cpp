@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The test PKI's own rules on every backend of the build: what it refuses to
 // lay out, how records contribute to the static data, and that the backends
 // agree byte for byte. That the kernel accepts what it signs, field by field,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The common layer's crypto wrappers over the platform table: what each
 // selector reaches and that arguments pass unchanged. pemv_kn_glb is pointed at a
 // recording table for the duration of each test, so this runs on every

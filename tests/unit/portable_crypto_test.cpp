@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The portable RSA's limits, and what the portable platform publishes. Its
 // known answers are the rows of unit/crypto.data, run on the platform linked
 // (the portable one on targets without OpenSSL).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The row runner: velk_rows FILE.data runs the rows of each block in turn on
 // a kernel bound afresh for the block, and fails when a row fails.
 #include "rows.hpp"

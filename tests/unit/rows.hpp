@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Rule checks as rows of data. A .data file holds one case per block:
 //
 //   # comment

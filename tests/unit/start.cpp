@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Drivers of kernel start and transaction initialisation: a transaction from
 // the entry point, or its first steps as the step machine runs them.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Kernel state in rows: "9F34=3F0001, tvr=0000800000, step=1900, 8E=-". A hex
 // key is a database tag ("-" absent), a word one of the fields below; numbers
 // (step, errorcode, ...) are written in hex, big-endian.

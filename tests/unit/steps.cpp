@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host of step rows: a step that talks to the card or the host gets its
 // answers from the rows, and the rows check what it sent.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Drivers of trace.data: trace lines as the host's log sink receives them.
 //
 //   log:1|0              route the log to the row's record (cleared) or to

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Drivers of tree.data that the generic call cannot express: the module
 // state after a delete or modify, iteration, malformed and deep trees. A tree
 // sits in a buffer with 512 spare bytes of EE behind it; "after" is the root

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "velk/card/emv_crypto.hpp"
 
 #include <openssl/core_names.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Offline data authentication material of a virtual card: the certificates
 // and exponents its records carry (computed when the profile is loaded, with
 // the test PKI, from the fixed test keys the profile names) and the dynamic

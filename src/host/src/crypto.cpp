@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // OpenSSL 3 primitives behind the host framework and the test PKI.
 #include "velk/host/crypto.hpp"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // pemv_kn_glb for a Linux host.
 #include "velk/host/framework.hpp"
 

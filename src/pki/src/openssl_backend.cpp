@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The test PKI over OpenSSL.
 #include "velk/pki/openssl_backend.hpp"
 

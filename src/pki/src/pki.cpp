@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Layouts of the EMV offline data authentication objects (see pki.hpp).
 #include "velk/pki/pki.hpp"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fixed test keys. Generated once with OpenSSL and kept as they are, so
 // that certificates and signatures made from them are the same on every run
 // and every target. Test keys only: the private exponents are public here.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One HTML file a lab opens without a network: the pass/fail table with
 // filters, then per scenario the exchange drawn as a sequence between
 // terminal, kernel, card and issuer, the outcome, TVR, TSI and CVM Results

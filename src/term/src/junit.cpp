@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The run as Ant's JUnit report, the shape CI servers read:
 // testsuites / testsuite (one per folder) / testcase (one per scenario).
 #include <iomanip>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // velk-term: runs contactless transactions through libvelk against a
 // virtual card or a card on a PC/SC reader, and explains the outcome.
 #include <CLI/CLI.hpp>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The capture a lab engineer would take with a sniffer between reader and
 // card: ISO 14443-4 I-blocks behind the 4-byte pseudo-header of link type
 // 264 (version 0, event, length big-endian).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A run's results for people (table, progress, colours) and for scripts
 // (one JSON document).
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a scenario expects, checked twice: when it is loaded, every field and
 // every value must name something a report can say (else the scenario is in
 // error, with the allowed values listed); after the run, each field is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Portable SHA-1 and RSA exponentiation (see portable_crypto.hpp). 32-bit
 // limbs with 64-bit products, so the code is the same on the 32-bit target it
 // exists for.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SHA-1 and RSA modular exponentiation in plain C++ for test builds without
 // OpenSSL. They exist only because the armhf test build has no OpenSSL: the
 // portable pemv_kn_glb publishes them, and the test PKI signs with them there.

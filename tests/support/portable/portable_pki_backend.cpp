@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The test PKI over the portable crypto.
 #include "portable_pki_backend.hpp"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The test PKI over the portable crypto: the backend of builds without
 // OpenSSL (armhf), built everywhere so that both backends can be compared.
 // It cannot generate keys; use the fixed test keys.

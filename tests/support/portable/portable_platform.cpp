@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // pemv_kn_glb for test builds without OpenSSL (the armhf build under qemu):
 // memory functions from libc, SHA-1 and RSA from the portable crypto of this
 // folder. DES and AES stay null: the kernel never calls them.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A stand-in for libvelk in the simulator's own tests: it has the kernel's
 // entry functions, sends callback messages the way the kernel does (7F01 {
 // DF00 command, payload } in its own 2048-byte exchange buffer) and takes

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # A transaction through PC/SC: velk-term serves a bundled virtual card to
 # pcscd's vpcd reader driver, and a second velk-term pays with the card on
 # that reader, as it would with a real card on a real reader.

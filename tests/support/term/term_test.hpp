@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shared pieces of the simulator's tests: the bundled profiles, hex, and the
 // commands a kernel sends to a card.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The card as the terminal host sees it: power, presence and the exchange of
 // one command APDU for one response APDU. VirtualCard (a card built from a
 // JSON profile), PcscCard (a real card on a PC/SC reader) and FaultyCard (a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A virtual card as a JSON profile describes it: the PPSE, one or more
 // applications with their FCI, GET PROCESSING OPTIONS response, records,
 // GET DATA values, PUT DATA acceptance, GENERATE AC policy and keys, and the

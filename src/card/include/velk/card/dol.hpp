@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Data object lists (PDOL, CDOL1, CDOL2, DDOL) as a card reads them: a list
 // of tags with the lengths the card wants, and the concatenated values the
 // terminal sends back.

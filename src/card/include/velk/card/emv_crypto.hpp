@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Symmetric cryptography shared by the virtual card and the simulated
 // issuer: the session key of one transaction, the application cryptogram and
 // the issuer's response cryptogram (ARPC).

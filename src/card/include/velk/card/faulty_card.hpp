@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Faults injected between the terminal and a card, to see what the kernel
 // makes of them. A fault is written ACTION@COMMAND[#N][:CHANGE]:
 //

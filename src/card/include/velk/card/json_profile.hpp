@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading the JSON files of the simulator (card profiles, terminal profiles,
 // key stores, lists, scenarios) with errors a person can act on:
 //

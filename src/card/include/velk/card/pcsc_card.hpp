@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A real card on a PC/SC reader (pcsc-lite). The context and the card
 // connection are owned by small RAII types; every PC/SC failure becomes a
 // CardError with the reader's name and pcsc-lite's own text.

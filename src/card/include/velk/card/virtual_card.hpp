@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A card that lives in memory, built from a JSON profile. It answers the
 // commands a contactless kernel sends (SELECT, GET PROCESSING OPTIONS, READ
 // RECORD, GET DATA, PUT DATA, INTERNAL AUTHENTICATE, GENERATE AC, ECHO and

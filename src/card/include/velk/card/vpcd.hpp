@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Serves a card to the vsmartcard virtual reader driver (vpcd) of pcsc-lite,
 // so that a virtual card appears on a PC/SC reader ("Virtual PCD 00 00").
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * Kernel-independent common code: the signal queue and the number and text
  * conversions.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * TLV tree editing library: creates, finds, deletes, modifies and replaces
  * BER-TLV elements at any depth of a tree held in a caller-owned buffer,

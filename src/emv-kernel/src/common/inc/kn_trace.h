@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * Trace output of the common library. Formatted text is assembled into lines
  * of at most 255 characters; each finished line goes to the host's opt_log

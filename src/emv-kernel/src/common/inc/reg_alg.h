@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * Cryptographic services of the common library: thin wrappers over the host's
  * opt_alg table. The selector values are those of Sha_Type_t, Des_Type_t and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * Memory and text services of the common library: thin wrappers over the
  * host's opt_std table. Each reads pemv_kn_glb at the time of the call; none

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Signal queue and number/text conversions of the common library.
 #include "kn_common.h"
 

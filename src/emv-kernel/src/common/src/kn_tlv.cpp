@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TLV tree editing library: in-place edits of a BER-TLV tree that keep every
 // enclosing length field correct.
 //

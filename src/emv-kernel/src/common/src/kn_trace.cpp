@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Trace output to the host's log sink.
 #include "kn_trace.h"
 

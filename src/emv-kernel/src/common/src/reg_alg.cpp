@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Cryptographic services: dispatch to the host's table by selector.
 #include "reg_alg.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Memory and text services: one indirect call each into the host's table.
 #include "reg_std.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * libvelk — contactless EMV payment kernel: the host's interface.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * Interface between the host framework and the kernels it loads: the platform
  * service tables and the framework's global record.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * The kernel's processing functions: callback messages, the step machine,
  * kernel start and transaction initialisation, outcomes, data records, and

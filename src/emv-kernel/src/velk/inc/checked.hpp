@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bounded building and reading for the kernel's fixed buffers (C++ only).
 //
 // The kernel's named functions keep their signatures and their behaviour on

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * The kernel transaction database: every data element of the transaction as
  * one constructed TLV 7F01 in ucDataBasebuf, and the tag property table.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * The kernel's global state: the record in the host's bound block, the
  * interface record with the exchange buffer and the host callback, and the

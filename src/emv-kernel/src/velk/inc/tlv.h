@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * The kernel's BER-TLV codec. Works in place on caller-owned buffers and
  * allocates nothing. Deliberately narrower than full BER: tags of at most 4

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Balance retrieval and the card-read message.
 #include "baseKernel.h"
 #include "checked.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Card action analysis: the second GENERATE AC and its response.
 #include "baseKernel.h"
 #include "checked.hpp"

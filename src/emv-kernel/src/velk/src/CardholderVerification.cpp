@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Cardholder verification: the card's CVM choice and CVM List processing.
 #include "baseKernel.h"
 #include "checked.hpp"

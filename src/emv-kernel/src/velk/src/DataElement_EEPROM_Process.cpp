@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Data element retrieval and update in the card's memory.
 //
 // The host configures both in the database: BF71 holds the GDDOL 9F70 (the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kernel transaction database and its tag property table; the data
 // records built from it; the queries over the transaction's data.
 #include <stddef.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Initiate application processing: GET PROCESSING OPTIONS and the DOL builder.
 #include "baseKernel.h"
 #include "checked.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Issuer script processing: templates 71 and 72 from the issuer response.
 #include "baseKernel.h"
 #include "checked.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Kernel de-activation: the outcome of the first tap.
 #include "baseKernel.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Offline data authentication: CAM selection and checking, SDA, DDA and CDA
 // verification.
 //

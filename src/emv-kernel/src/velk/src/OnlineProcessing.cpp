@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Online processing: the long tap and the online tap with their online
 // context, and the issuer's response on the second entry (scripts, second
 // GENERATE AC, final outcome).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Pre-processing: the amount against the reader's contactless limits.
 #include "baseKernel.h"
 #include "checked.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Processing restrictions: application versions, usage control and dates.
 #include "baseKernel.h"
 #include "checked.hpp"

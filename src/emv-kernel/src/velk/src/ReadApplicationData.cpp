@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Read application data: READ RECORD over the AFL and the ODA record collection.
 #include "baseKernel.h"
 #include "checked.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Terminal action analysis: the cryptogram type to ask for.
 #include "baseKernel.h"
 #include "checked.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Terminal risk management: exception file, random selection, velocity.
 #include "baseKernel.h"
 #include "checked.hpp"

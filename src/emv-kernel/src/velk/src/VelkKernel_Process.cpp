@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Transaction control: the step machine, kernel start with FCI analysis,
 // transaction initialisation, and the outcomes with the final outcome packet.
 #include <stddef.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The VELK_Kernel_ layer under the entry functions, the binding of the host's
 // block and the one call into the host.
 #include "baseKernel.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Certificate and public key recovery, and the kernel's RSA and SHA-1 entry
 // points.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The base-kernel layer: its own 5-byte TVR, separate from the transaction's.
 #include "global.h"
 #include "reg_std.h"

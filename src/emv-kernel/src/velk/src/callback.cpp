@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Callback message channel: requests to the host and the APDU exchange.
 //
 // Every request is a 7F01 { DF00 = command, payload... } built in the kernel's

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kernel's side of the signal queue in the global record.
 #include "global.h"
 #include "reg_std.h"

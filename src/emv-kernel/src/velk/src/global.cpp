@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The global record and its accessors.
 #include "global.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kernel's BER-TLV codec: decoding, building, the depth-first walkers,
 // child iteration and the checkers, plus the bounded forms of checked.hpp.
 //

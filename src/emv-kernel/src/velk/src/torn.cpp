@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Torn transaction recovery with the ECHO command: the restart message, the
 // card presented again, the re-selection and the ECHO that fetches the torn
 // GENERATE AC's response.

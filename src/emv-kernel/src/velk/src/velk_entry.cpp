@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exported entry functions. Each is a thin forward to the VELK_Kernel_
 // layer; this module also owns the kernel's only exchange buffer.
 #include "baseKernel.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // OpenSSL 3 primitives of the host side: raw RSA, SHA-1, DES/3DES and AES in
 // the shapes the kernel's service table and the test PKI need. None of these
 // throws except GenerateRsaKey; each reports failure by its result and writes

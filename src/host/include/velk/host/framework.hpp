@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host framework for Linux: defines pemv_kn_glb, the platform services
 // under the kernel (memory functions from libc, RSA, SHA-1, DES/3DES and AES
 // from OpenSSL 3). Linking this library is enough to publish it; the record

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host-side BER-TLV and hex helpers on std::vector, shared by the tests, the
 // example hosts and velk-term. Full BER tags (up to 4 bytes here) and the
 // length forms up to 83 xx xx xx. Malformed input throws std::invalid_argument.

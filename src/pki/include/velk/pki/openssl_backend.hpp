@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The test PKI's OpenSSL backend (velk_pki_openssl): SHA-1 and raw RSA from
 // the host framework's crypto, and fresh keys of any size OpenSSL accepts.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The EMV test PKI: what a certification authority, an issuer and a card make
 // for offline data authentication, in the layouts the kernel recovers, and the
 // inverse operations that tests use to look inside them.

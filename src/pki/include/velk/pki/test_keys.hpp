@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fixed RSA keys for tests, named by role, length in bits and exponent.
 //
 // Sizes are chosen so that every certificate case exists (NCA, NI, NIC are

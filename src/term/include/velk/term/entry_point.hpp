@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The entry point in front of the kernel: selection of the proximity payment
 // system environment (2PAY.SYS.DDF01), the list of candidate applications
 // that both the card and the terminal support, ordered by the card's

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Words for the bytes a transaction leaves behind: TVR, TSI, AIP, CVM
 // Results, Cryptogram Information Data, the Outcome Parameter Set, the User
 // Interface Request Data, the kernel's status codes, and TLV data decoded

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The terminal host's answers to the kernel: one dispatcher that maps each
 // callback command to its handler.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The issuer of the online leg: it reads the authorisation request (the
 // kernel's data record), checks the ARQC when it knows the card's key,
 // decides by configuration, and answers with the authorisation response

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kernel as a terminal host binds it: libvelk.so loaded at run time
 // (dlopen), a zero-filled memory block, the host callback and the signal
 // entry. The executable publishes the platform services (pemv_kn_glb) that

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Values a user types (on the command line or in a scenario) checked as a
 // terminal's own set-up tools check them: real calendar dates and times,
 // currencies by ISO 4217 code or number, and terminal settings TAG=HEX.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where labs and CI servers read velk-term's results: a run as one JSON
 // document and as a JUnit report, a transaction's card exchange as a
 // capture that Wireshark opens, one self-contained HTML report, and the

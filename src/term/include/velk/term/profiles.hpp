@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The bundled profiles (virtual cards, terminals, keys, lists, scenarios)
 // and how a name on the command line finds one.
 #pragma once

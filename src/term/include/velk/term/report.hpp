@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A transaction report for people (text) and for scripts (one JSON document
 // with the same content).
 #pragma once

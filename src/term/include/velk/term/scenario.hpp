@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Scenarios: a card, a terminal, the transaction, the issuer's decision,
 // faults, replies the host gives in place of its own, and what is expected:
 // the outcome in words, and when a test lab wants it, the exchange byte for

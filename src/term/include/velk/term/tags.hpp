@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Names of the data objects the terminal meets: EMV's own, and the kernel's
 // proprietary tags (configuration, intermediate results, callback messages,
 // the outcome).

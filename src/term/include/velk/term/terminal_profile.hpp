@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The terminal as a JSON profile describes it: the parameters the kernel
 // asks for (terminal parameters, parameters of each application the
 // terminal supports), its currency, and the files of its CA public keys,

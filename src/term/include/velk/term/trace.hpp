@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What happened between the kernel, the host and the card, in order: APDUs,
 // callback messages, signals, display requests, the host's own notes and the
 // kernel's trace lines, each with the time it happened.

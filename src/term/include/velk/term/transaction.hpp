@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One whole transaction as velk-term runs it: the entry point selects an
 // application, the kernel runs the first entry; an online request goes to
 // the simulated issuer, whose response the kernel processes on a second
