@@ -30,7 +30,7 @@
 #include "tlv.h"
 #include "velk/host/tlv.hpp"
 #include "velk/pki/openssl_backend.hpp"
-#include "velk/pki/test_keys.hpp"
+#include "velk/pki/fixed_keys.hpp"
 
 namespace velk::fuzz {
 
@@ -159,17 +159,17 @@ private:
 
     // CA, issuer and ICC keys: every remainder case among the four sets.
     const RsaKey &Ca() const {
-        return (control_[0] & 1) != 0 ? pki::test_keys::Ca1024() : pki::test_keys::Ca1152();
+        return (control_[0] & 1) != 0 ? pki::fixed_keys::Ca1024() : pki::fixed_keys::Ca1152();
     }
     const RsaKey &Issuer() const {
         static const RsaKey &(*const keys[])() = {
-            pki::test_keys::Issuer864, pki::test_keys::Issuer1024, pki::test_keys::Issuer1024,
-            pki::test_keys::Issuer744};
+            pki::fixed_keys::Issuer864, pki::fixed_keys::Issuer1024, pki::fixed_keys::Issuer1024,
+            pki::fixed_keys::Issuer744};
         return keys[control_[0] & 3]();
     }
     const RsaKey &Icc() const {
-        static const RsaKey &(*const keys[])() = {pki::test_keys::Icc688, pki::test_keys::Icc768,
-                                                  pki::test_keys::Icc688, pki::test_keys::Icc1024};
+        static const RsaKey &(*const keys[])() = {pki::fixed_keys::Icc688, pki::fixed_keys::Icc768,
+                                                  pki::fixed_keys::Icc688, pki::fixed_keys::Icc1024};
         return keys[control_[0] & 3]();
     }
 

@@ -28,7 +28,7 @@
 #include "portable_pki_backend.hpp"
 #include "scripted_host.hpp"
 #include "velk/pki/pki.hpp"
-#include "velk/pki/test_keys.hpp"
+#include "velk/pki/fixed_keys.hpp"
 
 namespace velk::test {
 
@@ -54,9 +54,9 @@ struct OdaCard {
     const pki::Backend *backend = &TestPkiBackend();
     // Small enough for qemu; CA 1024 with issuer 864 needs a 16-byte issuer
     // remainder, issuer 864 with ICC 688 a 20-byte ICC remainder.
-    const pki::RsaKey *ca = &pki::test_keys::Ca1024();
-    const pki::RsaKey *issuer = &pki::test_keys::Issuer864();
-    const pki::RsaKey *icc = &pki::test_keys::Icc688();
+    const pki::RsaKey *ca = &pki::fixed_keys::Ca1024();
+    const pki::RsaKey *issuer = &pki::fixed_keys::Issuer864();
+    const pki::RsaKey *icc = &pki::fixed_keys::Icc688();
     uint8_t caIndex = 0x92;
     // Identity fields default to the card's PAN (its first 6 digits for the
     // issuer identifier); expiry 12/49.

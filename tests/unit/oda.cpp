@@ -25,13 +25,13 @@
 #include "global.h"
 #include "portable_pki_backend.hpp"
 #include "state.hpp"
-#include "velk/pki/test_keys.hpp"
+#include "velk/pki/fixed_keys.hpp"
 
 namespace velk::test {
 namespace {
 
 const pki::RsaKey &Key(const std::string &name) {
-    namespace k = pki::test_keys;
+    namespace k = pki::fixed_keys;
     for (const auto &[n, f] : {std::pair{"Ca1024", &k::Ca1024},
                                {"Ca1152", &k::Ca1152},
                                {"Issuer744", &k::Issuer744},

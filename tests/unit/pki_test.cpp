@@ -11,7 +11,7 @@
 #include "portable_pki_backend.hpp"
 #include "velk/host/tlv.hpp"
 #include "velk/pki/pki.hpp"
-#include "velk/pki/test_keys.hpp"
+#include "velk/pki/fixed_keys.hpp"
 
 namespace velk::test {
 namespace {
@@ -19,7 +19,7 @@ namespace {
 using host::Bytes;
 using host::FromHex;
 using pki::RsaKey;
-namespace keys = pki::test_keys;
+namespace keys = pki::fixed_keys;
 
 class PkiTest : public ::testing::TestWithParam<const pki::Backend *> {
 protected:

@@ -4,13 +4,13 @@
 #include <stdexcept>
 
 #include "velk/pki/openssl_backend.hpp"
-#include "velk/pki/test_keys.hpp"
+#include "velk/pki/fixed_keys.hpp"
 
 namespace velk::card {
 
 namespace {
 
-namespace keys = velk::pki::test_keys;
+namespace keys = velk::pki::fixed_keys;
 
 constexpr const char *kComputedNames[] = {
     "ca_index",        "issuer_certificate", "issuer_remainder", "issuer_exponent",

@@ -2,13 +2,13 @@
 // The fixed test keys. Generated once with OpenSSL and kept as they are, so
 // that certificates and signatures made from them are the same on every run
 // and every target. Test keys only: the private exponents are public here.
-#include "velk/pki/test_keys.hpp"
+#include "velk/pki/fixed_keys.hpp"
 
 #include <string_view>
 
 #include "velk/host/tlv.hpp"
 
-namespace velk::pki::test_keys {
+namespace velk::pki::fixed_keys {
 namespace {
 
 RsaKey Key(std::string_view n, std::string_view e, std::string_view d) {
@@ -125,4 +125,4 @@ const RsaKey &Icc688() {
     return key;
 }
 
-}  // namespace velk::pki::test_keys
+}  // namespace velk::pki::fixed_keys

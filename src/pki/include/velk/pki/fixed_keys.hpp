@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Fixed RSA keys for tests, named by role, length in bits and exponent.
+// Fixed RSA keys of the bundled virtual cards and of the PKI that signs for
+// them, named by role, length in bits and exponent.
 //
 // Sizes are chosen so that every certificate case exists (NCA, NI, NIC are
 // the CA, issuer and ICC modulus lengths in bytes; an issuer key fits its
@@ -16,7 +17,7 @@
 
 #include "velk/pki/pki.hpp"
 
-namespace velk::pki::test_keys {
+namespace velk::pki::fixed_keys {
 
 const RsaKey &Ca1152();      // e = 3
 const RsaKey &Ca1024();      // e = 65537
@@ -27,4 +28,4 @@ const RsaKey &Icc1024();     // e = 65537
 const RsaKey &Icc768();      // e = 3
 const RsaKey &Icc688();      // e = 65537
 
-}  // namespace velk::pki::test_keys
+}  // namespace velk::pki::fixed_keys
