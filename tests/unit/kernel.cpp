@@ -137,6 +137,7 @@ constexpr Callable kCallables[] = {
     VELK_FN(tlv_is_composite_),
     VELK_FN(tlv_add_child_),
     VELK_FN(tlv_replace_),
+    VELK_FN(tlv_modify_),
     VELK_FN(tlv_move_),
     VELK_FN(tlv_batch_move_),
     VELK_FN(aschextobin),
