@@ -18,7 +18,7 @@ cd "$(dirname "$0")/.."
 ROOT=$(pwd)
 DIR=$ROOT/build-demo
 
-PACKAGES="cmake ninja-build g++ libssl-dev nlohmann-json3-dev libcli11-dev libpcsclite-dev pkg-config"
+PACKAGES="cmake ninja-build g++ libssl-dev nlohmann-json3-dev libcli11-dev libpcsclite-dev libpcap-dev pkg-config"
 
 if [ "$(id -u)" = 0 ] && [ -z "${VELK_SKIP_APT:-}" ]; then
   echo "Installing: $PACKAGES"
