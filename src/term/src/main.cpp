@@ -58,10 +58,8 @@ constexpr const char *kExitCodes =
 // Each subcommand's help points at the one table.
 constexpr const char *kSeeExitCodes = "Exit codes: see velk-term --help.";
 
-// Card data and messages may hold bytes that are not UTF-8: JSON output
-// replaces them, messages escape them.
-constexpr auto kReplace = nlohmann::ordered_json::error_handler_t::replace;
-
+// Card data and messages may hold bytes that are not UTF-8: messages escape
+// them (JSON output replaces them, see Dump).
 std::string Said(const std::exception &e) {
     return velk::card::EscapeInvalidUtf8(e.what());
 }
@@ -249,7 +247,7 @@ int Readers() {
 int Decode(const std::string &hex, bool json) {
     const auto bytes = HexArg(hex, 0, "HEX");
     if (json) {
-        std::cout << DecodeJson(bytes).dump(2, ' ', false, kReplace) << "\n";
+        std::cout << Dump(DecodeJson(bytes)) << "\n";
     } else {
         for (const std::string &line : DecodeLines(bytes))
             std::cout << line << "\n";
