@@ -716,12 +716,12 @@ uint32_t ReplaceChildChecked(uint8_t *parent, uint32_t cap, uint32_t tag, const 
 // `end` ends the search with null, as in TLV_FindChildTag.
 uint8_t *FindStoredChild(uint8_t *first, const uint8_t *end, uint32_t tag) {
     constexpr uint32_t kLongestHeader = 8;
-    // A child carries the tag when its tag bytes are the tag's significant
-    // bytes: as many, the first one `lead`.
-    uint32_t lead = tag;
+    // A child carries the tag when its first tagLen bytes, read big-endian,
+    // are the tag: the child's first four bytes shifted right by `shift`.
     uint32_t tagLen = 1;
-    for (; lead > 0xFF; ++tagLen)
-        lead >>= 8;
+    for (uint32_t rest = tag; rest > 0xFF; rest >>= 8)
+        ++tagLen;
+    const uint32_t shift = 32 - 8 * tagLen;
     uint8_t *e = first;
     // In place while 8 bytes are left: the next child's address is tested
     // once against that bound, and a child that leaves less (or whose value
@@ -747,13 +747,10 @@ uint8_t *FindStoredChild(uint8_t *first, const uint8_t *end, uint32_t tag) {
                 for (len = 0; value < stop; ++value)
                     len = (len << 8) | *value;
             }
-            if (b0 == lead && p - e == static_cast<ptrdiff_t>(tagLen) &&
-                len <= static_cast<uint32_t>(end - value)) {
-                uint32_t carried = b0;
-                for (uint32_t i = 1; i < tagLen; ++i)
-                    carried = (carried << 8) | e[i];
-                if (carried == tag) return e;
-            }
+            const uint32_t head = b0 << 24 | uint32_t{e[1]} << 16 | uint32_t{e[2]} << 8 | e[3];
+            if (head >> shift == tag && p - e == static_cast<ptrdiff_t>(tagLen) &&
+                len <= static_cast<uint32_t>(end - value))
+                return e;
             const uintptr_t next = reinterpret_cast<uintptr_t>(value) + len;
             if (next > roomy) break;
             e = value + len;
