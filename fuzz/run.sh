@@ -2,7 +2,9 @@
 # SPDX-License-Identifier: Apache-2.0
 # Runs every fuzz target for SECONDS on a temporary copy of its committed
 # corpus (the repository is never written); crash inputs go to
-# BUILD_DIR/fuzz-artifacts. Exits non-zero when any target crashed.
+# BUILD_DIR/fuzz-artifacts. An input that runs longer than 60 s counts as a
+# crash (a hang), as does one that takes more than 2 GB. Exits non-zero when
+# any target crashed.
 #   usage: fuzz/run.sh BUILD_DIR SECONDS
 set -u
 build=${1:?usage: fuzz/run.sh BUILD_DIR SECONDS}
@@ -24,7 +26,7 @@ for target in codec_fuzz database_fuzz tree_fuzz transaction_fuzz \
   mkdir -p "$work/$target"
   cp "$here/corpus/$target/"* "$work/$target/" 2>/dev/null || true
   echo "== $target: ${seconds}s"
-  if ! "$binary" -max_total_time="$seconds" -print_final_stats=1 \
+  if ! "$binary" -max_total_time="$seconds" -timeout=60 -rss_limit_mb=2048 -print_final_stats=1 \
       -artifact_prefix="$artifacts/$target-" "$work/$target" 2>"$work/$target.log"; then
     tail -n 60 "$work/$target.log" >&2
     echo "$target: FAILED (inputs in $artifacts)" >&2
