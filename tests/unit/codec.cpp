@@ -62,6 +62,7 @@ VELK_DRIVER(null_getters) {
     uint32_t tag = 9;
     GetTagAndLen(nullptr, &tag, nullptr, nullptr, nullptr);
     row.Eq("GetTagAndLen writes nothing", 9u, tag);
+    row.Eq("Get_TagAndLen_Dol", 0u, Get_TagAndLen_Dol(nullptr, &tag, nullptr));
     row.Eq("TLV_New", 0u, TLV_New(nullptr, 0x5A, nullptr, 0));
     uint8_t d[4];
     row.Eq("TLV_Init", "0", At(TLV_Init(d, 4), d));

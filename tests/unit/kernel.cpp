@@ -271,7 +271,10 @@ constexpr Callable kCallables[] = {
     VELK_FN(VelkCless_ODA_DDA_Dynamic_Signature_Verification),
     VELK_FN(VelkCless_ODA_CDA_Dynamic_Signature_Verification),
     VELK_FN(VelkCless_KernelStart_Step00),
+    VELK_FN(VelkCless_RecoveryTrans_TapCard_Processing),
+    VELK_FN(VelkCless_Transaction_OnlineProcessing_KernelDeActivation_K37),
     VELK_FN(VelkCless_Process_FCI),
+    VELK_FN(VelkCless_Analyse_FCI0),
     VELK_FN(VelkCless_TransactionInitialisation),
 };
 #undef VELK_FN

@@ -24,6 +24,7 @@
 //   request_tags:A2:tags       the tags inside the payload's container of the
 //                              last A2 request
 //   unanswered:N               answers not taken
+//   exchange:bytes             the start of the callback exchange buffer
 #include <deque>
 #include <map>
 #include <optional>
@@ -191,6 +192,12 @@ VELK_DRIVER(request_tags) {
             row.Eq("container within its bound", true, c->size <= VELK_ONLINE_CONTEXT_LEN);
     }
     row.Eq("container's children", row.Arg(1), tags);
+}
+VELK_DRIVER(exchange) {
+    const VELK_INTERFACE &i = *pgbVelkInterface;
+    row.Matches("exchange buffer", row.Arg(0),
+                Bytes(i.pCallback_Exchange_Buffer,
+                      i.pCallback_Exchange_Buffer + i.uiMaxCallback_Exchange_BufferLen));
 }
 VELK_DRIVER(unanswered) {
     row.Eq("answers not taken", row.U(0), host_.answers.size());

@@ -10,6 +10,9 @@
 //   parse_char:c         one character through private_parse_trace_char
 //   format_sample        private_printf("%02X-%s\n%u\nrest", 0xA, "x", 42)
 //   dumps_silent         the dumps and assertions emit nothing
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <string>
 #include <vector>
 
@@ -70,10 +73,20 @@ VELK_DRIVER(dumps_silent) {
     }
     kn_trace_dump(nullptr, 16, 0);
     kn_trace_assert("file.cpp", 12);
-    const uint8_t bytes[] = {0x41, 0x0A, 0xFF};
-    Velk_trace_value(bytes, sizeof bytes);
-    Velk_trace_ascii(bytes, sizeof bytes);
-    Velk_trace_data(bytes, sizeof bytes);
+    // The last bytes before an inaccessible page: reading one byte past
+    // them faults in every build.
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void *map = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (!row.Eq("guarded page", true,
+                map != MAP_FAILED &&
+                    mprotect(static_cast<uint8_t *>(map) + page, page, PROT_NONE) == 0))
+        return;
+    uint8_t *bytes = static_cast<uint8_t *>(map) + page - 3;
+    bytes[0] = 0x41, bytes[1] = 0x0A, bytes[2] = 0xFF;
+    Velk_trace_value(bytes, 3);
+    Velk_trace_ascii(bytes, 3);
+    Velk_trace_data(bytes, 3);
+    munmap(map, 2 * page);
     row.Eq("lines logged", 0u, lines_.size());
 }
 
