@@ -317,15 +317,14 @@ velk::card::Field Patched(const std::filesystem::path &profile, const Json &patc
 }  // namespace
 
 ScenarioSetup SetUpScenario(const Scenario &s) {
-    ScenarioSetup setup{
-        ParseTerminalProfile(Patched(s.terminal, s.terminal_patch,
-                                     {"ca_keys", "exception_file", "revocation_list"})),
-        velk::card::ParseCardProfile(Patched(s.card, s.card_patch, {})),
-        {}};
+    ScenarioSetup setup;
     TerminalProfile &terminal = setup.terminal;
+    terminal = ParseTerminalProfile(
+        Patched(s.terminal, s.terminal_patch, {"ca_keys", "exception_file", "revocation_list"}));
     if (s.currency) ApplyCurrency(terminal, *s.currency);
     for (const TerminalSetting &set : s.settings)
         ApplySetting(terminal, set);
+    setup.card = velk::card::ParseCardProfile(Patched(s.card, s.card_patch, {}));
     PayOptions &options = setup.options;
     options.amount = s.amount;
     options.other_amount = s.other_amount;
