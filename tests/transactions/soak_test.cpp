@@ -25,7 +25,6 @@ namespace velk::test {
 namespace {
 
 using velk::host::ToHex;
-using velk::term::Bytes;
 
 // The kernel's block, bound and initialised by the first session only:
 // every later one runs on it as the transactions before left it.
