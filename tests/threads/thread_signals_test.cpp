@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The signal queue with a real second thread: the kernel waits (busy, with no
-// time-out) while another thread of the host posts. Labelled "threads" for
-// the thread-sanitizer build.
+// The signal queue with a real second thread: the kernel, bound as velk-term
+// binds it, waits (busy, with no time-out) while another thread of the host
+// posts. Labelled "threads" for the thread-sanitizer build.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -9,8 +9,10 @@
 #include <thread>
 
 #include "baseKernel.h"
-#include "kernel_fixture.hpp"
+#include "global.h"
+#include "linked_kernel.hpp"
 #include "velk/host/tlv.hpp"
+#include "velk/term/kernel.hpp"
 
 namespace velk::test {
 namespace {
@@ -30,7 +32,12 @@ std::deque<Later> g_later;
 std::thread g_poster;
 ClessSignal_Message g_signal;
 
-uint32_t AnswerFromAnotherThread(uint8_t *buf, uint32_t *len) {
+struct AnswerFromAnotherThread : velk::term::CallbackHandler {
+    uint32_t OnCallback(uint8_t *buf, uint32_t *len) override;
+    void OnHostError(const std::string &what) override { ADD_FAILURE() << what; }
+};
+
+uint32_t AnswerFromAnotherThread::OnCallback(uint8_t *buf, uint32_t *len) {
     if (g_poster.joinable()) g_poster.join();
     const Later next = g_later.front();
     g_later.pop_front();
@@ -53,7 +60,8 @@ protected:
     void TearDown() override {
         if (g_poster.joinable()) g_poster.join();
     }
-    BoundKernel kernel_{&AnswerFromAnotherThread};
+    AnswerFromAnotherThread host_;
+    velk::term::KernelSession kernel_{LinkedKernel(), host_};
 };
 
 TEST_F(ThreadSignals, CardActivationIsAnsweredFromAnotherThreadAfterADelay) {

@@ -316,6 +316,29 @@ velk::card::Field Patched(const std::filesystem::path &profile, const Json &patc
 
 }  // namespace
 
+ScenarioSetup SetUpScenario(const Scenario &s) {
+    ScenarioSetup setup;
+    TerminalProfile &terminal = setup.terminal;
+    terminal = ParseTerminalProfile(
+        Patched(s.terminal, s.terminal_patch, {"ca_keys", "exception_file", "revocation_list"}));
+    if (s.currency) ApplyCurrency(terminal, *s.currency);
+    for (const TerminalSetting &set : s.settings)
+        ApplySetting(terminal, set);
+    setup.card = velk::card::ParseCardProfile(Patched(s.card, s.card_patch, {}));
+    PayOptions &options = setup.options;
+    options.amount = s.amount;
+    options.other_amount = s.other_amount;
+    options.type = ParseTransactionType(s.type, terminal);
+    options.date = s.date.empty() ? velk::host::FromHex(kFixedDate) : s.date;
+    options.time = s.time.empty() ? velk::host::FromHex(kFixedTime) : s.time;
+    options.issuer = s.issuer;
+    options.faults = s.faults;
+    options.host_replies = s.host_replies;
+    options.seed = s.seed;
+    options.card_wait = std::chrono::milliseconds(0);
+    return setup;
+}
+
 ScenarioResult RunScenario(const std::filesystem::path &file, const std::string &lib,
                            const PendingNeeds &pending, size_t case_index,
                            const std::filesystem::path &capture) {
@@ -327,27 +350,11 @@ ScenarioResult RunScenario(const std::filesystem::path &file, const std::string 
         const Scenario &s = all[case_index];
         out.name = s.name;
         out.case_name = s.case_name;
-        TerminalProfile terminal = ParseTerminalProfile(Patched(
-            s.terminal, s.terminal_patch, {"ca_keys", "exception_file", "revocation_list"}));
-        if (s.currency) ApplyCurrency(terminal, *s.currency);
-        for (const TerminalSetting &set : s.settings)
-            ApplySetting(terminal, set);
-        velk::card::VirtualCard card(
-            velk::card::ParseCardProfile(Patched(s.card, s.card_patch, {})));
-        PayOptions options;
-        options.amount = s.amount;
-        options.other_amount = s.other_amount;
-        options.type = ParseTransactionType(s.type, terminal);
-        options.date = s.date.empty() ? velk::host::FromHex(kFixedDate) : s.date;
-        options.time = s.time.empty() ? velk::host::FromHex(kFixedTime) : s.time;
-        options.issuer = s.issuer;
-        options.faults = s.faults;
-        options.host_replies = s.host_replies;
-        options.seed = s.seed;
-        options.card_wait = std::chrono::milliseconds(0);
+        const ScenarioSetup setup = SetUpScenario(s);
+        velk::card::VirtualCard card(setup.card);
         const KernelLibrary kernel(lib);
         const TransactionReport report =
-            RunTransaction(kernel.Api(), terminal, card, options, SecretsOf(card));
+            RunTransaction(kernel.Api(), setup.terminal, card, setup.options, SecretsOf(card));
         out.result = report.result;
         out.report = ReportJson(report, true);
         if (!capture.empty()) WriteCapture(capture, report.trace);

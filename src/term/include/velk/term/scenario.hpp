@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "velk/card/card_profile.hpp"
 #include "velk/card/json_profile.hpp"
 #include "velk/term/transaction.hpp"
 
@@ -93,6 +94,17 @@ struct ScenarioResult {
     // "file.json" or "file.json [case]": how the table names it.
     std::string Label() const { return case_name.empty() ? file : file + " [" + case_name + "]"; }
 };
+
+// What a scenario's run is made of: its terminal and card profiles, patched
+// and set as the scenario says, and the transaction's options (a fixed date,
+// time and seed unless it gives its own, so that a run repeats exactly).
+// Throws velk::card::ProfileError.
+struct ScenarioSetup {
+    TerminalProfile terminal;
+    velk::card::CardProfile card;
+    PayOptions options;
+};
+ScenarioSetup SetUpScenario(const Scenario &s);
 
 // Runs one scenario in this process: loads it (the case-th of its file), its
 // card and terminal, runs the transaction with the kernel from lib, checks
