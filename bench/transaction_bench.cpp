@@ -67,15 +67,30 @@ constexpr size_t kStackSize = 256 * 1024;
 constexpr uint8_t kPaint = 0xA5;
 uint8_t *g_stackLow = nullptr;
 uint8_t *g_stackHigh = nullptr;
+const uint8_t *g_entrySp = nullptr;  // the stack pointer at the call into the kernel
 size_t g_kernelPeak = 0;
 
-// The deepest painted byte touched so far, as a depth from the stack top.
+// The deepest painted byte touched so far, as a depth below the stack
+// pointer at the call of Kernel_Start_VELK_: the kernel's frames (its return
+// address included), not the bench's.
 size_t HighWater() {
-    if (g_stackLow == nullptr) return 0;
+    // Only the painted stack's entries count.
+    if (g_stackLow == nullptr || g_entrySp < g_stackLow || g_entrySp > g_stackHigh) return 0;
     const uint8_t *p = g_stackLow;
     while (p < g_stackHigh && *p == kPaint)
         ++p;
-    return static_cast<size_t>(g_stackHigh - p);
+    return p < g_entrySp ? static_cast<size_t>(g_entrySp - p) : 0;
+}
+
+__attribute__((noinline)) uint32_t StartKernel(uint8_t *io, uint32_t *len) {
+#if defined(__x86_64__)
+    const uint8_t *sp;
+    asm volatile("mov %%rsp, %0" : "=r"(sp));
+    g_entrySp = sp;
+#else
+    g_entrySp = static_cast<const uint8_t *>(__builtin_frame_address(0));
+#endif
+    return Kernel_Start_VELK_(io, len);
 }
 
 // Host frames are dead once the host returns: their bytes are painted again
@@ -278,7 +293,7 @@ bool RunEntry() {
     std::memcpy(h.io, e.in.data(), e.in.size());
     h.ioLen = static_cast<uint32_t>(e.in.size());
     g_countHeap = g_countingEnabled;
-    const uint32_t status = Kernel_Start_VELK_(h.io, &h.ioLen);
+    const uint32_t status = StartKernel(h.io, &h.ioLen);
     g_countHeap = false;
     return status == e.status && h.ioLen == e.out.size() &&
            std::memcmp(h.io, e.out.data(), e.out.size()) == 0;
