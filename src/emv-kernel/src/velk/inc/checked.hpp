@@ -45,18 +45,9 @@ public:
         buf_[len_++] = b;
         return true;
     }
-    bool put(const uint8_t *src, uint32_t n) {
-        if (!fits(n)) return false;
-        if (n != 0) Memcpy_(buf_ + len_, src, static_cast<int>(n));
-        len_ += n;
-        return true;
-    }
-    bool zeros(uint32_t n) {
-        if (!fits(n)) return false;
-        if (n != 0) Memset_(buf_ + len_, 0, static_cast<int>(n));
-        len_ += n;
-        return true;
-    }
+    // Out of line (tlv.cpp): one copy for every step that writes.
+    bool put(const uint8_t *src, uint32_t n);
+    bool zeros(uint32_t n);
     uint8_t *data() const { return buf_; }
     uint32_t size() const { return len_; }
     uint32_t capacity() const { return cap_; }

@@ -706,6 +706,20 @@ uint32_t ReplaceChildChecked(uint8_t *parent, uint32_t cap, uint32_t tag, const 
     return TLV_AddTag(parent, tag, value, len);
 }
 
+bool Writer::put(const uint8_t *src, uint32_t n) {
+    if (!fits(n)) return false;
+    if (n != 0) Memcpy_(buf_ + len_, src, static_cast<int>(n));
+    len_ += n;
+    return true;
+}
+
+bool Writer::zeros(uint32_t n) {
+    if (!fits(n)) return false;
+    if (n != 0) Memset_(buf_ + len_, 0, static_cast<int>(n));
+    len_ += n;
+    return true;
+}
+
 // The database's lookup, run for nearly every data element a step reads:
 // TLV_FindChildTag's walk in a tight loop. The database is written only by
 // TLV_New, TLV_AddTag and the removals here, so its children are whole and
