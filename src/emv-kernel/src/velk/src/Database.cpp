@@ -138,7 +138,7 @@ constexpr uint32_t Key(uint32_t tag) {
 }
 
 // The property row of a tag, found by halving the table.
-__attribute__((noinline)) constexpr const TAGPRPPERITY *Row(uint32_t tag) {
+constexpr const TAGPRPPERITY *Row(uint32_t tag) {
     const uint32_t key = Key(tag);
     uint32_t lo = 0;
     uint32_t hi = VELK_TAG_PROPERTY_ROWS;
